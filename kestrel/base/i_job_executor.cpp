@@ -1,0 +1,7 @@
+#include "kestrel/base/i_job_executor.h"
+
+namespace kestrel {
+
+IJobExecutor::~IJobExecutor() = default;
+
+}  // namespace kestrel

@@ -1,0 +1,5 @@
+// Symbol visibility of the host platform library. Everything is hidden by default; the classes and
+// functions that hosts and the quire library use are marked KESTREL_EXPORT.
+#pragma once
+
+#define KESTREL_EXPORT __attribute__((visibility("default")))

@@ -1,0 +1,7 @@
+#include "kestrel/base/qstring_null.h"
+
+namespace kestrel {
+
+const QString QStringNull;
+
+}  // namespace kestrel

@@ -1,0 +1,44 @@
+// A growable byte buffer in memory from the default memory manager. The network layer receives
+// response bodies into it and hands it out without copying.
+#pragma once
+
+#include <cstddef>
+
+#include "kestrel/base/kestrel_export.h"
+#include "kestrel/base/memory_manager.h"
+
+namespace kestrel {
+namespace net {
+
+class KESTREL_EXPORT ByteBuffer {
+  KESTREL_MANAGED_ALLOCATION
+
+ public:
+  ByteBuffer();
+  ~ByteBuffer();
+  ByteBuffer(const ByteBuffer&) = delete;
+  ByteBuffer& operator=(const ByteBuffer&) = delete;
+
+  const char* data() const { return data_; }
+  char* mutable_data() { return data_; }
+  std::size_t size() const { return size_; }
+  std::size_t capacity() const { return capacity_; }
+
+  // Makes room for at least `capacity` bytes in total without changing the contents.
+  void Reserve(std::size_t capacity);
+  // Appends `length` bytes.
+  void Append(const char* bytes, std::size_t length);
+  // Appends `length` uninitialised bytes and returns where they start, for a writer that fills the
+  // buffer in place.
+  char* Grow(std::size_t length);
+  // Drops the contents, keeping the storage.
+  void Clear() { size_ = 0; }
+
+ private:
+  char* data_ = nullptr;
+  std::size_t size_ = 0;
+  std::size_t capacity_ = 0;
+};
+
+}  // namespace net
+}  // namespace kestrel

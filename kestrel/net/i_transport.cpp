@@ -1,0 +1,9 @@
+#include "kestrel/net/i_transport.h"
+
+namespace kestrel {
+namespace net {
+
+ITransport::~ITransport() = default;
+
+}  // namespace net
+}  // namespace kestrel

@@ -1,0 +1,36 @@
+#include "kestrel/net/transport_registry.h"
+
+#include "kestrel/base/main_loop.h"
+#include "kestrel/net/network_status.h"
+
+namespace kestrel {
+namespace net {
+namespace {
+
+ITransport* g_installed = nullptr;
+
+// Completes every request with kErrorNoTransport, later, from the main loop.
+class UnavailableTransport : public ITransport {
+ public:
+  void Start(NetworkRequest* request, const ServerInfo&, const ConnectionOptions&) override {
+    MainLoop::Default()->Post([request] {
+      request->GetHttpRequest()->SetResponseStatus(status::kErrorNoTransport);
+      request->Complete();
+      NetworkRequest::ReleaseRef(request);
+    });
+  }
+};
+
+}  // namespace
+
+void TransportRegistry::SetDefault(ITransport* transport) { g_installed = transport; }
+
+ITransport* TransportRegistry::Default() { return g_installed != nullptr ? g_installed : BuiltIn(); }
+
+ITransport* TransportRegistry::BuiltIn() {
+  static ITransport* const built_in = new UnavailableTransport();
+  return built_in;
+}
+
+}  // namespace net
+}  // namespace kestrel

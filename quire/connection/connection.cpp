@@ -1,0 +1,184 @@
+#include "quire/connection/connection.h"
+
+#include <cstdint>
+#include <cstdlib>
+#include <utility>
+
+#include "kestrel/base/atomic.h"
+#include "kestrel/base/main_thread_job_executor.h"
+#include "kestrel/net/network_request.h"
+#include "kestrel/net/server_info.h"
+
+namespace kestrel {
+namespace quire {
+namespace {
+
+using kestrel::net::NetworkRequest;
+
+// Counted references to the network layer's request: the count is the first field after the
+// vtable; it changes only through TestThenAdd, and dropping the last reference releases the object.
+void TakeReference(NetworkRequest* request) { TestThenAdd(request->ref_count(), 1); }
+
+void DropReference(NetworkRequest* request) {
+  if (TestThenAdd(request->ref_count(), -1) == 1) request->Release();
+}
+
+// Network-layer completion code -> NetworkResponseInfo::status. The table is deliberately partial:
+// 301, 303, 304, 305, 307 and other unlisted codes at or above 0x000A012C are failures (2), and
+// every code below it, a plain 0 included, is success.
+std::int32_t ConvertStatus(std::uint32_t code) {
+  if (code == 0x000A012Cu) return 300;
+  if (code == 0x000A012Eu) return 302;
+  if (code == 0x000A0134u) return 308;
+  if (code >= 0xC00A0190u && code <= 0xC00A01A0u) return static_cast<std::int32_t>(code - 0xC00A0190u) + 400;
+  if (code >= 0xC00A01F4u && code <= 0xC00A01F9u) return static_cast<std::int32_t>(code - 0xC00A01F4u) + 500;
+  if (code < 0x000A012Cu) return kStatusSuccess;
+  return kStatusFailure;
+}
+
+// Travels with one request through the network layer; calls the caller's callback once on
+// completion and then deletes itself.
+class ConnectionCallback : public NetworkRequest::Callback {
+  KESTREL_MANAGED_ALLOCATION
+
+ public:
+  ConnectionCallback(ResponseCallback callback, std::uint32_t request_id,
+                     bool collect_response_headers, IJobExecutor* job_executor)
+      : callback_(std::move(callback)),
+        request_id_(request_id),
+        collect_response_headers_(collect_response_headers),
+        response_headers_(nullptr),
+        request_handle_(nullptr),
+        job_executor_(job_executor) {}
+
+  ~ConnectionCallback() override {
+    if (request_handle_ != nullptr) DropReference(request_handle_);
+    doDelete(response_headers_);
+  }
+
+  // Holds a reference on `request` (the manager's result) in place of any earlier one.
+  void SetRequestHandle(NetworkRequest* request) {
+    if (request == request_handle_) return;
+    if (request != nullptr) TakeReference(request);
+    if (request_handle_ != nullptr) DropReference(request_handle_);
+    request_handle_ = request;
+  }
+
+  IJobExecutor* job_executor() const { return job_executor_; }
+
+  void OnRequestComplete(NetworkRequest* request) override {
+    const kestrel::net::HttpRequest* http = request->GetHttpRequest();
+    const std::int32_t status = ConvertStatus(http->GetResponseStatus());
+
+    // The body is a view of the network layer's buffer, valid until our reference is dropped.
+    QByteArray body;
+    if (const kestrel::net::ByteBuffer* buffer = http->GetResponseBuffer()) {
+      body = QByteArray::fromRawData(buffer->data(), static_cast<qsizetype>(buffer->size()));
+    }
+
+    if (collect_response_headers_) {
+      doDelete(response_headers_);
+      response_headers_ = doNew<std::vector<QString>>();
+      const int count = http->GetResponseHeaderCount();
+      response_headers_->reserve(static_cast<std::size_t>(count));
+      for (int i = 0; i < count; ++i) response_headers_->push_back(*http->GetResponseHeader(i));
+    }
+
+    if (!callback_) std::abort();  // an empty callback is a programming error
+    callback_(NetworkResponseInfo{request_id_, status, response_headers_}, body);
+    delete this;
+  }
+
+ private:
+  ResponseCallback callback_;
+  std::uint32_t request_id_;
+  bool collect_response_headers_;
+  std::vector<QString>* response_headers_;
+  NetworkRequest* request_handle_;
+  IJobExecutor* job_executor_;  // borrowed from the connection; kept for the adaptor's owner
+};
+
+}  // namespace
+
+Connection::Connection()
+    : connection_manager_(nullptr),
+      fixed_headers_(MMAlloc<kestrel::net::RequestHeader>(nullptr)),
+      next_request_id_(1),
+      job_executor_(doNew<MainThreadJobExecutor>()) {}
+
+Connection::~Connection() {
+  doDelete(job_executor_);
+  kestrel::net::RequestHeaderList().swap(fixed_headers_);
+  doDelete(connection_manager_);
+}
+
+void Connection::Init(const std::vector<QString>& headers) {
+  // The manager's arguments are fixed: 4 connections per host, 2 idle ones kept, keep-alive, a
+  // 60-second stall time-out, idle connections reused for 60 seconds.
+  auto* manager = doNew<kestrel::net::ConnectionManager>(4, 2, true, 60.0, 60);
+  if (manager != connection_manager_) {
+    doDelete(connection_manager_);
+    connection_manager_ = manager;
+  }
+  fixed_headers_.reserve(fixed_headers_.size() + headers.size());
+  for (const QString& line : headers) fixed_headers_.push_back(GetNetHeaderFromString(line));
+}
+
+kestrel::net::RequestHeader Connection::GetNetHeaderFromString(const QString& line) {
+  kestrel::net::RequestHeader header;
+  header.type = 0;
+  header.name = line;
+  return header;
+}
+
+void Connection::SetUpHeaders(const std::vector<QString>* extra,
+                              kestrel::net::RequestHeaderList* out) {
+  out->clear();
+  out->reserve(fixed_headers_.size() + (extra != nullptr ? extra->size() : 0));
+  out->insert(out->end(), fixed_headers_.begin(), fixed_headers_.end());
+  if (extra != nullptr) {
+    for (const QString& line : *extra) out->push_back(GetNetHeaderFromString(line));
+  }
+}
+
+unsigned int Connection::ComputeRequestId(unsigned int requested) {
+  if (requested != 0) return requested;
+  const unsigned int id = next_request_id_;
+  ++next_request_id_;
+  if (next_request_id_ == 0) next_request_id_ = 1;
+  return id;
+}
+
+unsigned int Connection::Request(const ConnectionParams& params, ResponseCallback callback) {
+  using kestrel::net::HttpRequest;
+  const auto method = params.method <= kMethodDelete
+                          ? static_cast<HttpRequest::MethodType>(params.method)
+                          : HttpRequest::kGet;
+  const unsigned int id = ComputeRequestId(params.request_id);
+
+  kestrel::net::RequestHeaderList headers;
+  SetUpHeaders(params.headers, &headers);
+
+  QByteArray body;
+  if (params.body != nullptr) body = *params.body;
+
+  auto* adaptor = new ConnectionCallback(std::move(callback), id, params.collect_response_headers,
+                                         job_executor_);
+  NetworkRequest::Info info(method, body, params.url, std::move(headers), true, adaptor, nullptr,
+                            NetworkRequest::Info::kStandard);
+  NetworkRequest* request;
+  {
+    kestrel::net::ServerInfo server(params.url);
+    request = connection_manager_->StartRequest(server, info);
+  }
+  // The network layer never completes a request inside StartRequest, so the adaptor is still alive.
+  adaptor->SetRequestHandle(request);
+  return id;
+}
+
+void Connection::Cancel(unsigned int /*request_id*/) {
+  // Deliberately empty: an issued request always runs to completion and reaches its callback.
+}
+
+}  // namespace quire
+}  // namespace kestrel

@@ -1,0 +1,9 @@
+#include "quire/connection/i_connection.h"
+
+namespace kestrel {
+namespace quire {
+
+IConnection::~IConnection() {}
+
+}  // namespace quire
+}  // namespace kestrel

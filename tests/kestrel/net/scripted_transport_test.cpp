@@ -1,0 +1,122 @@
+#include "kestrel/net/scripted_transport.h"
+
+#include <gtest/gtest.h>
+
+#include "kestrel/net/connection_manager.h"
+#include "tests/support/test_support.h"
+
+namespace {
+
+using kestrel::net::ConnectionManager;
+using kestrel::net::HttpRequest;
+using kestrel::net::NetworkRequest;
+using kestrel::net::RequestHeaderList;
+using kestrel::net::ServerInfo;
+
+class Recorder : public NetworkRequest::Callback {
+ public:
+  void OnRequestComplete(NetworkRequest* request) override {
+    ++calls;
+    status = request->GetHttpRequest()->GetResponseStatus();
+    const auto* buffer = request->GetHttpRequest()->GetResponseBuffer();
+    body = buffer ? QByteArray(buffer->data(), static_cast<qsizetype>(buffer->size())) : QByteArray();
+    had_buffer = buffer != nullptr;
+    for (int i = 0; i < request->GetHttpRequest()->GetResponseHeaderCount(); ++i) {
+      headers.push_back(*request->GetHttpRequest()->GetResponseHeader(i));
+    }
+  }
+  int calls = 0;
+  std::uint32_t status = 0;
+  QByteArray body;
+  bool had_buffer = false;
+  std::vector<QString> headers;
+};
+
+class ScriptedTransportTest : public quire_test::ScriptedTest {};
+
+NetworkRequest* Issue(ConnectionManager& manager, Recorder* recorder, const QString& url,
+                      const QByteArray& body = QByteArray()) {
+  RequestHeaderList headers;
+  headers.push_back({0, QStringLiteral("X-One: 1"), QString()});
+  NetworkRequest::Info info(HttpRequest::kPut, body, url, std::move(headers), true, recorder,
+                            nullptr, NetworkRequest::Info::kStandard);
+  ServerInfo server(url);
+  return manager.StartRequest(server, info);
+}
+
+TEST_F(ScriptedTransportTest, CompletesLaterWithTheScriptedAnswer) {
+  ConnectionManager manager(4, 2, true, 60.0, 60);
+  transport_.Enqueue(quire_test::Http(201), "made", {QStringLiteral("Location: /x")});
+  Recorder recorder;
+  const QByteArray body("payload");
+  Issue(manager, &recorder, QStringLiteral("https://h.example/a"), body);
+  EXPECT_EQ(recorder.calls, 0) << "must not complete inside StartRequest";
+  EXPECT_EQ(transport_.in_flight(), 1u);
+  RunUntilIdle();
+  EXPECT_EQ(recorder.calls, 1);
+  EXPECT_EQ(recorder.status, quire_test::Http(201));
+  EXPECT_EQ(recorder.body, QByteArray("made"));
+  EXPECT_EQ(recorder.headers, std::vector<QString>{QStringLiteral("Location: /x")});
+
+  ASSERT_EQ(transport_.requests().size(), 1u);
+  const auto& seen = transport_.requests()[0];
+  EXPECT_EQ(seen.method, HttpRequest::kPut);
+  EXPECT_EQ(seen.url, QStringLiteral("https://h.example/a"));
+  EXPECT_EQ(seen.host, QStringLiteral("h.example"));
+  EXPECT_EQ(seen.port, 443);
+  EXPECT_EQ(seen.body_data, body.constData()) << "the body must reach the transport without a copy";
+  EXPECT_EQ(seen.body_size, 7u);
+  ASSERT_EQ(seen.headers.size(), 1u);
+  EXPECT_EQ(seen.headers[0].name, QStringLiteral("X-One: 1"));
+  EXPECT_EQ(seen.options.max_connections_per_host, 4);
+  EXPECT_EQ(seen.options.max_idle_connections_per_host, 2);
+  EXPECT_TRUE(seen.options.keep_alive);
+  EXPECT_DOUBLE_EQ(seen.options.stall_timeout_seconds, 60.0);
+  EXPECT_EQ(seen.options.idle_connection_seconds, 60);
+}
+
+TEST_F(ScriptedTransportTest, AnswersWithoutBufferAndUnscriptedRequestsFail) {
+  ConnectionManager manager(4, 2, true, 60.0, 60);
+  kestrel::net::ScriptedTransport::Answer answer;
+  answer.has_body = false;
+  transport_.Enqueue(answer);
+  Recorder first, second, invalid;
+  Issue(manager, &first, QStringLiteral("http://h.example/a"));
+  Issue(manager, &second, QStringLiteral("http://h.example/b"));
+  Issue(manager, &invalid, QStringLiteral("ftp://h.example/c"));
+  RunUntilIdle();
+  EXPECT_FALSE(first.had_buffer);
+  EXPECT_EQ(second.status, kestrel::net::status::kErrorUnknown);
+  EXPECT_EQ(invalid.status, kestrel::net::status::kErrorInvalidRequest);
+}
+
+TEST_F(ScriptedTransportTest, ResponderSeesTheRequest) {
+  ConnectionManager manager(4, 2, true, 60.0, 60);
+  transport_.SetResponder([](const kestrel::net::ScriptedTransport::Seen& seen) {
+    kestrel::net::ScriptedTransport::Answer answer;
+    answer.body = seen.url.toUtf8();
+    return answer;
+  });
+  Recorder recorder;
+  Issue(manager, &recorder, QStringLiteral("http://h.example/echo"));
+  RunUntilIdle();
+  EXPECT_EQ(recorder.body, QByteArray("http://h.example/echo"));
+}
+
+TEST_F(ScriptedTransportTest, DelayedAnswersArriveAfterTheirDelay) {
+  ConnectionManager manager(4, 2, true, 60.0, 60);
+  kestrel::net::ScriptedTransport::Answer slow;
+  slow.delay_seconds = 0.05;
+  slow.body = "slow";
+  transport_.Enqueue(slow);
+  transport_.Enqueue(quire_test::Http(200), "fast");
+  Recorder a, b;
+  Issue(manager, &a, QStringLiteral("http://h.example/1"));
+  Issue(manager, &b, QStringLiteral("http://h.example/2"));
+  kestrel::MainLoop::Default()->RunUntilIdle();
+  EXPECT_EQ(a.calls, 0);
+  EXPECT_EQ(b.calls, 1);
+  RunUntil([&] { return a.calls == 1; });
+}
+
+}  // namespace
