@@ -1,0 +1,4 @@
+# The XML reader of the platform, over pugixml (Debian's libpugixml-dev).
+find_package(pugixml REQUIRED)
+target_sources(kestrel PRIVATE ${CMAKE_CURRENT_LIST_DIR}/xml_reader.cpp)
+target_link_libraries(kestrel PRIVATE pugixml::pugixml)
