@@ -22,3 +22,12 @@ write_basic_package_version_file(${PROJECT_BINARY_DIR}/QuireConfigVersion.cmake
   VERSION ${PROJECT_VERSION} COMPATIBILITY SameMinorVersion)
 install(FILES ${PROJECT_BINARY_DIR}/QuireConfig.cmake ${PROJECT_BINARY_DIR}/QuireConfigVersion.cmake
   DESTINATION ${QUIRE_CMAKE_DIR})
+
+# pkg-config files, relocatable: the prefix is found from where the .pc file lies.
+file(RELATIVE_PATH QUIRE_PC_TO_PREFIX "/${CMAKE_INSTALL_LIBDIR}/pkgconfig" "/")
+string(REGEX REPLACE "/$" "" QUIRE_PC_TO_PREFIX "${QUIRE_PC_TO_PREFIX}")
+set(QUIRE_QT_PC Qt${QUIRE_QT_MAJOR}Core)
+foreach(pc quire kestrel)
+  configure_file(${PROJECT_SOURCE_DIR}/cmake/${pc}.pc.in ${PROJECT_BINARY_DIR}/${pc}.pc @ONLY)
+  install(FILES ${PROJECT_BINARY_DIR}/${pc}.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+endforeach()
