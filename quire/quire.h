@@ -8,3 +8,4 @@
 #include "quire/connection/network_response_info.h"
 #include "quire/model/link_relations.h"
 #include "quire/services/endpoints.h"
+#include "quire/upload/connection_utils.h"

@@ -1,0 +1,2 @@
+# Resumable upload (ConnectionUtils).
+target_sources(quire PRIVATE ${CMAKE_CURRENT_LIST_DIR}/connection_utils.cpp)
