@@ -6,6 +6,7 @@
 namespace kestrel {
 namespace quire {
 
+using internal::Latin1;
 using internal::LookupAttribute;
 using internal::UrlFromAttribute;
 
@@ -15,45 +16,45 @@ DocsEntry::~DocsEntry() = default;
 
 bool DocsEntry::ParseFrom(kestrel::XmlNode* node) {
   if (node == nullptr) return false;
-  if (node->name != QLatin1String("entry")) return false;
+  if (node->name != Latin1("entry")) return false;
 
   // Assigned whether or not the attribute is there.
-  etag = LookupAttribute(node, QLatin1String("qr:etag"));
+  etag = LookupAttribute(node, Latin1("qr:etag"));
 
   for (const XmlNode* child = node->first_child; child != nullptr; child = child->next_sibling) {
     const QString& name = child->name;
-    if (name == QLatin1String("category")) {
-      if (LookupAttribute(child, QLatin1String("scheme")) == QLatin1String(kLabelsScheme) &&
-          LookupAttribute(child, QLatin1String("term")) == QLatin1String(kStarredLabelTerm)) {
+    if (name == Latin1("category")) {
+      if (LookupAttribute(child, Latin1("scheme")) == Latin1(kLabelsScheme) &&
+          LookupAttribute(child, Latin1("term")) == Latin1(kStarredLabelTerm)) {
         // Assigned, not only raised: a later starred category with another label clears it.
-        starred = LookupAttribute(child, QLatin1String("label")) == QLatin1String("starred");
+        starred = LookupAttribute(child, Latin1("label")) == Latin1("starred");
       }
-    } else if (name == QLatin1String("content")) {
-      content_type = LookupAttribute(child, QLatin1String("type"));
-      content_src = UrlFromAttribute(LookupAttribute(child, QLatin1String("src")));
-    } else if (name == QLatin1String("docs:removed")) {
+    } else if (name == Latin1("content")) {
+      content_type = LookupAttribute(child, Latin1("type"));
+      content_src = UrlFromAttribute(LookupAttribute(child, Latin1("src")));
+    } else if (name == Latin1("docs:removed")) {
       removed = true;
-    } else if (name == QLatin1String("qr:feedLink")) {
-      const QString rel = LookupAttribute(child, QLatin1String("rel"));
-      const QString href = LookupAttribute(child, QLatin1String("href"));
-      if (rel == QLatin1String(kAclFeedRel)) {
+    } else if (name == Latin1("qr:feedLink")) {
+      const QString& rel = LookupAttribute(child, Latin1("rel"));
+      const QString& href = LookupAttribute(child, Latin1("href"));
+      if (rel == Latin1(kAclFeedRel)) {
         acl_feed_link = UrlFromAttribute(href);
-      } else if (rel == QLatin1String(kRevisionsFeedRel)) {
+      } else if (rel == Latin1(kRevisionsFeedRel)) {
         revisions_feed_link = UrlFromAttribute(href);
       }
-    } else if (name == QLatin1String("link")) {
-      const QString rel = LookupAttribute(child, QLatin1String("rel"));
-      const QString href = LookupAttribute(child, QLatin1String("href"));
-      if (rel == QLatin1String("edit")) {
+    } else if (name == Latin1("link")) {
+      const QString& rel = LookupAttribute(child, Latin1("rel"));
+      const QString& href = LookupAttribute(child, Latin1("href"));
+      if (rel == Latin1("edit")) {
         edit_link = UrlFromAttribute(href);
-      } else if (rel == QLatin1String(kResumableEditMediaRel)) {
+      } else if (rel == Latin1(kResumableEditMediaRel)) {
         resumable_edit_media_link = UrlFromAttribute(href);
       }
-    } else if (name == QLatin1String("id")) {
+    } else if (name == Latin1("id")) {
       id = child->text;
-    } else if (name == QLatin1String("title")) {
+    } else if (name == Latin1("title")) {
       title = child->text;
-    } else if (name == QLatin1String("updated")) {
+    } else if (name == Latin1("updated")) {
       updated = child->text;
     }
   }

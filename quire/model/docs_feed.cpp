@@ -6,6 +6,7 @@
 namespace kestrel {
 namespace quire {
 
+using internal::Latin1;
 using internal::LookupAttribute;
 using internal::UrlFromAttribute;
 
@@ -15,14 +16,14 @@ DocsFeed::~DocsFeed() = default;
 
 bool DocsFeed::ParseFrom(kestrel::XmlNode* node) {
   if (node == nullptr) return false;
-  if (node->name != QLatin1String("feed")) return false;
+  if (node->name != Latin1("feed")) return false;
 
   // Assigned whether or not the attribute is there.
-  etag = LookupAttribute(node, QLatin1String("qr:etag"));
+  etag = LookupAttribute(node, Latin1("qr:etag"));
 
   for (XmlNode* child = node->first_child; child != nullptr; child = child->next_sibling) {
     const QString& name = child->name;
-    if (name == QLatin1String("entry")) {
+    if (name == Latin1("entry")) {
       DocsEntry* entry = kestrel::doNew<DocsEntry>();
       if (!entry->ParseFrom(child)) {
         // Entries appended before stay; the caller decides what a partly filled feed is worth.
@@ -30,27 +31,27 @@ bool DocsFeed::ParseFrom(kestrel::XmlNode* node) {
         return false;
       }
       entries.push_back(entry);
-    } else if (name == QLatin1String("link")) {
-      const QString rel = LookupAttribute(child, QLatin1String("rel"));
-      const QString href = LookupAttribute(child, QLatin1String("href"));
+    } else if (name == Latin1("link")) {
+      const QString& rel = LookupAttribute(child, Latin1("rel"));
+      const QString& href = LookupAttribute(child, Latin1("href"));
       QUrl* target = nullptr;
-      if (rel == QLatin1String(kBatchRel)) {
+      if (rel == Latin1(kBatchRel)) {
         target = &batch_link;
-      } else if (rel == QLatin1String(kResumableCreateMediaRel)) {
+      } else if (rel == Latin1(kResumableCreateMediaRel)) {
         target = &resumable_create_media_link;
-      } else if (rel == QLatin1String(kFeedRel)) {
+      } else if (rel == Latin1(kFeedRel)) {
         target = &feed_link;
-      } else if (rel == QLatin1String(kPostRel)) {
+      } else if (rel == Latin1(kPostRel)) {
         target = &post_link;
       }
       // Other relations (self, next, alternate and the rest) are not kept.
       if (target != nullptr) *target = UrlFromAttribute(href);
-    } else if (name == QLatin1String("openSearch:itemsPerPage")) {
+    } else if (name == Latin1("openSearch:itemsPerPage")) {
       // Not a number, or out of the 32-bit range: 0.
       items_per_page = child->text.toInt(nullptr, 10);
-    } else if (name == QLatin1String("openSearch:startIndex")) {
+    } else if (name == Latin1("openSearch:startIndex")) {
       start_index = child->text.toInt(nullptr, 10);
-    } else if (name == QLatin1String("updated")) {
+    } else if (name == Latin1("updated")) {
       updated = child->text;
     }
   }
