@@ -1,7 +1,7 @@
-// Parsing a generated document feed: the library's road (XmlReader, then DocsFeed::ParseFrom) beside
-// a raw pugixml DOM parse of the same bytes, in the same run. Prints MB/s, entries/s, the ratio of
-// the two, the memory manager's allocations per entry, and the same at four feed sizes to show that
-// the cost grows linearly with the number of entries.
+// Parsing a generated document feed: the library's road (XmlReader, then DocsFeed::ParseFrom)
+// beside a raw pugixml DOM parse of the same bytes, in the same run. Prints MB/s, entries/s, the
+// ratio of the two, the memory manager's allocations per entry, and the same at four feed sizes to
+// show that the cost grows linearly with the number of entries.
 //
 //   feed_parse_bench [--quick]
 //
@@ -31,7 +31,8 @@ void AppendEntry(QByteArray* out, int n) {
       "Quarterly report &amp; forecast",
       "Caf\xc3\xa9 menu &#8211; \xc3\xa9t\xc3\xa9 2024",
       "\xe4\xbc\x9a\xe8\xad\xb0\xe3\x81\xae\xe8\xa8\x98\xe9\x8c\xb2 &lt;draft&gt;",
-      "Stra\xc3\x9f" "e &quot;Nord&quot; &apos;plans&apos;",
+      "Stra\xc3\x9f"
+      "e &quot;Nord&quot; &apos;plans&apos;",
       "\xd0\x9e\xd1\x82\xd1\x87\xd1\x91\xd1\x82 \xe2\x84\x96 5",
   };
   const QByteArray ns(kestrel::quire::SchemaNamespace);
@@ -50,9 +51,10 @@ void AppendEntry(QByteArray* out, int n) {
   *out += "<category scheme=\"" + ns + "/g/2005/labels\" term=\"" + ns +
           "/g/2005/labels#viewed\" label=\"viewed\"/>";
   *out += QByteArray("<title>") + kTitles[n % 5] + " " + num + "</title>";
-  *out += "<content type=\"application/vnd.oasis.opendocument.text\" "
-          "src=\"https://docs.quire.example/content/doc" +
-          num + "?e=v3&amp;format=odt\"/>";
+  *out +=
+      "<content type=\"application/vnd.oasis.opendocument.text\" "
+      "src=\"https://docs.quire.example/content/doc" +
+      num + "?e=v3&amp;format=odt\"/>";
   *out += "<link rel=\"alternate\" type=\"text/html\" href=\"https://docs.quire.example/view/doc" +
           num + "\"/>";
   *out += "<link rel=\"self\" type=\"application/atom+xml\" href=\"" + doc + "\"/>";
@@ -62,7 +64,9 @@ void AppendEntry(QByteArray* out, int n) {
           "/g/2005#resumable-edit-media\" href=\"https://docs.quire.example/upload/"
           "create-session/default/private/full/doc" +
           num + "\"/>";
-  *out += "<author><name>Ana Mar\xc3\xad" "a</name><email>ana@quire.example</email></author>";
+  *out +=
+      "<author><name>Ana Mar\xc3\xad"
+      "a</name><email>ana@quire.example</email></author>";
   *out += "<qr:feedLink rel=\"" + ns + "/acl/2007#accessControlList\" href=\"" + doc + "/acl\"/>";
   *out += "<qr:feedLink rel=\"" + ns + "/docs/2007/revisions\" href=\"" + doc + "/revisions\"/>";
   if (n % 17 == 0) *out += "<docs:removed/>";
@@ -73,10 +77,11 @@ QByteArray MakeFeed(int entries) {
   const QByteArray ns(kestrel::quire::SchemaNamespace);
   QByteArray feed;
   feed.reserve(entries * 2100 + 2000);
-  feed += "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<feed xmlns=\"http://www.w3.org/2005/Atom\" "
-          "xmlns:qr=\"" +
-          ns + "/g/2005\" xmlns:docs=\"" + ns + "/docs/2007\" xmlns:openSearch=\"" + ns +
-          "/opensearch/1.1/\" qr:etag=\"W/&quot;feed-etag&quot;\">\n";
+  feed +=
+      "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<feed xmlns=\"http://www.w3.org/2005/Atom\" "
+      "xmlns:qr=\"" +
+      ns + "/g/2005\" xmlns:docs=\"" + ns + "/docs/2007\" xmlns:openSearch=\"" + ns +
+      "/opensearch/1.1/\" qr:etag=\"W/&quot;feed-etag&quot;\">\n";
   feed += "<id>https://docs.quire.example/feeds/default/private/full</id>";
   feed += "<updated>2024-03-05T17:42:10.500Z</updated><title>Available Documents</title>";
   feed += "<link rel=\"" + ns +
@@ -214,27 +219,30 @@ Row Measure(int entries, int runs) {
 }
 
 void Print(const Row& row) {
-  std::printf("%8d %7.2f | %8.1f %10.0f | %8.1f %10.0f | %6.2fx | %6.3f | %7.2f %7.2f %7.2f %7.2f\n",
-              row.entries, row.megabytes, row.megabytes / row.ours, row.entries / row.ours,
-              row.megabytes / row.raw, row.entries / row.raw, row.raw / row.ours,
-              row.allocations_per_entry, row.reader * 1e6 / row.entries,
-              row.model * 1e6 / row.entries, row.delete_feed * 1e6 / row.entries,
-              row.delete_reader * 1e6 / row.entries);
+  std::printf(
+      "%8d %7.2f | %8.1f %10.0f | %8.1f %10.0f | %6.2fx | %6.3f | %7.2f %7.2f %7.2f %7.2f\n",
+      row.entries, row.megabytes, row.megabytes / row.ours, row.entries / row.ours,
+      row.megabytes / row.raw, row.entries / row.raw, row.raw / row.ours, row.allocations_per_entry,
+      row.reader * 1e6 / row.entries, row.model * 1e6 / row.entries,
+      row.delete_feed * 1e6 / row.entries, row.delete_reader * 1e6 / row.entries);
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
   const bool quick = argc > 1 && std::strcmp(argv[1], "--quick") == 0;
-  std::printf("Feed parse: XmlReader + DocsFeed::ParseFrom (ours) beside a raw pugixml DOM parse\n");
+  std::printf(
+      "Feed parse: XmlReader + DocsFeed::ParseFrom (ours) beside a raw pugixml DOM parse\n");
   std::printf("of the same bytes. ratio = our speed / raw speed. allocs = memory-manager\n");
-  std::printf("allocations per entry on our road. The last four columns split our time per entry\n");
-  std::printf("(microseconds): reader parse, ParseFrom, deleting the feed, deleting the reader.\n\n");
+  std::printf(
+      "allocations per entry on our road. The last four columns split our time per entry\n");
+  std::printf(
+      "(microseconds): reader parse, ParseFrom, deleting the feed, deleting the reader.\n\n");
   std::printf("%8s %7s | %8s %10s | %8s %10s | %7s | %6s | %7s %7s %7s %7s\n", "entries", "MB",
               "ours", "entries/s", "raw", "entries/s", "ratio", "allocs", "reader", "model",
               "del.feed", "del.rdr");
-  std::printf("%8s %7s | %8s %10s | %8s %10s | %7s | %6s | %7s %7s %7s %7s\n", "", "", "MB/s",
-              "", "MB/s", "", "", "/entry", "us", "us", "us", "us");
+  std::printf("%8s %7s | %8s %10s | %8s %10s | %7s | %6s | %7s %7s %7s %7s\n", "", "", "MB/s", "",
+              "MB/s", "", "", "/entry", "us", "us", "us", "us");
   const Row headline = Measure(10000, quick ? 3 : 15);
   Print(headline);
   std::printf("\nGrowth with the number of entries:\n");

@@ -110,6 +110,23 @@ class DocsServiceTest : public quire_test::ScriptedTest {
     return entry_calls_[0];
   }
 
+  // Every request a test issued must have been answered, and so called back, by the end.
+  void TearDown() override {
+    if (expect_all_answered_) {
+      for (std::size_t i = 0; i < log_.requests.size(); ++i) {
+        EXPECT_FALSE(static_cast<bool>(log_.requests[i].done)) << "request " << i << " unanswered";
+      }
+    }
+    ScriptedTest::TearDown();
+  }
+
+  // A callback for deletions that counts its calls in delete_calls_.
+  DeleteCallback CountDelete() {
+    return [this](NetworkResponseInfo) { ++delete_calls_; };
+  }
+
+  bool expect_all_answered_ = true;
+  int delete_calls_ = 0;
   ConnectionLog log_;
   DocsService service_;
   std::vector<FeedCall> feed_calls_;
@@ -131,6 +148,7 @@ TEST_F(DocsServiceTest, GetFeedRequest) {
   EXPECT_FALSE(seen.collect_response_headers);
   EXPECT_EQ(seen.requested_id, 0u);
   Answer(&log_, 0, 500);
+  EXPECT_EQ(feed_calls_.size(), 1u);
 }
 
 TEST_F(DocsServiceTest, GetFeedWithoutTokenHasNoLineOfItsOwn) {
@@ -138,6 +156,7 @@ TEST_F(DocsServiceTest, GetFeedWithoutTokenHasNoLineOfItsOwn) {
   ASSERT_EQ(log_.requests.size(), 1u);
   EXPECT_TRUE(log_.requests[0].headers.empty());
   Answer(&log_, 0, 500);
+  EXPECT_EQ(feed_calls_.size(), 1u);
 }
 
 TEST_F(DocsServiceTest, GetFeedSuccessGivesTheParsedFeed) {
@@ -305,6 +324,7 @@ TEST_F(DocsServiceTest, CreateRequestIsAPostOfTheContent) {
   EXPECT_FALSE(seen.collect_response_headers);
   EXPECT_EQ(seen.requested_id, 0u);
   Answer(&log_, 0, 2);
+  EXPECT_EQ(entry_calls_.size(), 1u);
 }
 
 TEST_F(DocsServiceTest, CreateIgnoresItsTexts) {
@@ -318,6 +338,7 @@ TEST_F(DocsServiceTest, CreateIgnoresItsTexts) {
   EXPECT_TRUE(quire_test::SameRequest(log_.requests[0], log_.requests[1]));
   Answer(&log_, 0, 2);
   Answer(&log_, 1, 2);
+  EXPECT_EQ(entry_calls_.size(), 2u);
 }
 
 TEST_F(DocsServiceTest, ModifyRequestIsAPutWithoutIfMatch) {
@@ -422,30 +443,32 @@ TEST_F(DocsServiceTest, DeleteWithQuotedWeakTagSendsItExactlyBeforeTheAuthorisat
 
 TEST_F(DocsServiceTest, DeleteTagIsNotQuotedOrReinterpreted) {
   service_.DeleteEntry(QUrl(QStringLiteral("https://h/e")), QStringLiteral("abc %1 %2"),
-                       [](NetworkResponseInfo) {});
+                       CountDelete());
   ASSERT_EQ(log_.requests.size(), 1u);
   EXPECT_EQ(log_.requests[0].headers, std::vector<QString>{QStringLiteral("If-Match: abc %1 %2")});
   Answer(&log_, 0, 0);
+  EXPECT_EQ(delete_calls_, 1);
 }
 
 TEST_F(DocsServiceTest, DeleteWithEmptyTagSendsOnlyTheAuthorisationLine) {
   service_.SetOAuth2AuthToken(QStringLiteral("tok"));
-  service_.DeleteEntry(QUrl(QStringLiteral("https://h/e")), QString(), [](NetworkResponseInfo) {});
-  service_.DeleteEntry(QUrl(QStringLiteral("https://h/e")), QStringLiteral(""),
-                       [](NetworkResponseInfo) {});
+  service_.DeleteEntry(QUrl(QStringLiteral("https://h/e")), QString(), CountDelete());
+  service_.DeleteEntry(QUrl(QStringLiteral("https://h/e")), QStringLiteral(""), CountDelete());
   ASSERT_EQ(log_.requests.size(), 2u);
   for (const auto& seen : log_.requests) {
     EXPECT_EQ(seen.headers, std::vector<QString>{QStringLiteral("Authorization: Bearer tok")});
   }
   Answer(&log_, 0, 0);
   Answer(&log_, 1, 0);
+  EXPECT_EQ(delete_calls_, 2);
 }
 
 TEST_F(DocsServiceTest, DeleteWithNeitherTagNorTokenSendsNoLineOfItsOwn) {
-  service_.DeleteEntry(QUrl(QStringLiteral("https://h/e")), QString(), [](NetworkResponseInfo) {});
+  service_.DeleteEntry(QUrl(QStringLiteral("https://h/e")), QString(), CountDelete());
   ASSERT_EQ(log_.requests.size(), 1u);
   EXPECT_TRUE(log_.requests[0].headers.empty());
   Answer(&log_, 0, 0);
+  EXPECT_EQ(delete_calls_, 1);
 }
 
 TEST_F(DocsServiceTest, DeletePassesTheStatusOnUnchanged) {
@@ -485,6 +508,7 @@ TEST_F(DocsServiceTest, EmptyCallbacksAbortWhenTheyWouldBeCalled) {
 }
 
 TEST_F(DocsServiceTest, IssuingWithAnEmptyCallbackDoesNotAbortBeforeTheAnswer) {
+  expect_all_answered_ = false;  // answering would abort; the death test above covers that
   const QByteArray content("x");
   service_.GetFeed(FeedCallback());
   service_.GetEntryContent(QUrl(QStringLiteral("https://h/c")), ResponseCallback());
