@@ -11,7 +11,10 @@
 #include "kestrel/xml/internal/xml_characters.h"
 #include "kestrel/xml/internal/xml_string_cache.h"
 
-#if defined(__SSE2__)
+// Sixteen bytes at a time where SSE2 is there (every x86-64); KESTREL_XML_NO_SSE2 forces the
+// portable loops, which the tests also run.
+#if defined(__SSE2__) && !defined(KESTREL_XML_NO_SSE2)
+#define KESTREL_XML_SSE2 1
 #include <emmintrin.h>
 #endif
 
@@ -103,7 +106,7 @@ bool ScanValue(const ParseBuffer& buffer, const char* p, Span* span, const char*
     return true;
   }
   constexpr char kForbidden = kAttribute ? '<' : ']';
-#if defined(__SSE2__)
+#if defined(KESTREL_XML_SSE2)
   if (buffer.Holds(p)) {
     const __m128i zero = _mm_setzero_si128();
     const __m128i ampersand = _mm_set1_epi8('&');
@@ -149,7 +152,7 @@ bool ScanValue(const ParseBuffer& buffer, const char* p, Span* span, const char*
 // part of a name but takes any such byte as a name character, so those names are checked here).
 std::size_t ScanName(const ParseBuffer& buffer, const char* p, bool* non_ascii) {
   *non_ascii = false;
-#if defined(__SSE2__)
+#if defined(KESTREL_XML_SSE2)
   if (*p != '\0' && buffer.Holds(p)) {
     const __m128i zero = _mm_setzero_si128();
     for (std::size_t i = 0;; i += 16) {

@@ -2,7 +2,10 @@
 
 #include <cstring>
 
-#if defined(__SSE2__)
+// Sixteen bytes at a time where SSE2 is there (every x86-64); KESTREL_XML_NO_SSE2 forces the
+// portable loops, which the tests also run.
+#if defined(__SSE2__) && !defined(KESTREL_XML_NO_SSE2)
+#define KESTREL_XML_SSE2 1
 #include <emmintrin.h>
 #endif
 
@@ -98,7 +101,7 @@ long long CopyCheckedUtf8(const char* source_chars, std::size_t size, char* targ
   const auto* source = reinterpret_cast<const unsigned char*>(source_chars);
   auto* target = reinterpret_cast<unsigned char*>(target_chars);
   std::size_t i = 0;
-#if defined(__SSE2__)
+#if defined(KESTREL_XML_SSE2)
   // Sixteen bytes at a time while they are all printable ASCII (0x20 to 0x7F: as signed bytes, none
   // is below 0x20); any other byte goes through the one-character check.
   const __m128i space = _mm_set1_epi8(0x20);

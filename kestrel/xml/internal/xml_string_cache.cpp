@@ -23,18 +23,37 @@ inline std::uint32_t Load32(const char* p) {
   return word;
 }
 
-// The last bytes of a text are read with loads that may overlap the ones before, never one byte at
-// a time through memory, which would stall on store forwarding.
-inline std::uint32_t Hash(const char* p, std::size_t size) {
-  std::uint64_t h = 0x9E3779B97F4A7C15ULL ^ size;
+// Compares `size` bytes with word loads, overlapping at the end like the hash below.
+inline bool SameBytes(const char* a, const char* b, std::size_t size) {
+  if (size >= 8) {
+    for (std::size_t i = 0; i + 8 < size; i += 8) {
+      if (Load64(a + i) != Load64(b + i)) return false;
+    }
+    return Load64(a + size - 8) == Load64(b + size - 8);
+  }
+  if (size >= 4) {
+    return Load32(a) == Load32(b) && Load32(a + size - 4) == Load32(b + size - 4);
+  }
+  for (std::size_t i = 0; i < size; ++i) {
+    if (a[i] != b[i]) return false;
+  }
+  return true;
+}
+
+// Multiplies out to 128 bits and folds the halves: every input bit reaches every output bit.
+inline std::uint64_t Mix(std::uint64_t a, std::uint64_t b) {
+  const unsigned __int128 product = static_cast<unsigned __int128>(a) * b;
+  return static_cast<std::uint64_t>(product) ^ static_cast<std::uint64_t>(product >> 64);
+}
+
+// The length is mixed in on its own; the last bytes of a text are read with loads that may overlap
+// the ones before, never one byte at a time through memory, which would stall on store forwarding.
+inline std::uint32_t HashBytes(const char* p, std::size_t size) {
+  std::uint64_t h = Mix(size ^ 0x9E3779B97F4A7C15ULL, 0xBF58476D1CE4E5B9ULL);
   std::uint64_t tail;
   if (size >= 8) {
     const char* last = p + size - 8;
-    while (p < last) {
-      h = (h ^ Load64(p)) * 0xBF58476D1CE4E5B9ULL;
-      h ^= h >> 31;
-      p += 8;
-    }
+    for (; p < last; p += 8) h = Mix(h ^ Load64(p), 0x94D049BB133111EBULL);
     tail = Load64(last);
   } else if (size >= 4) {
     tail = (static_cast<std::uint64_t>(Load32(p)) << 32) | Load32(p + size - 4);
@@ -45,14 +64,18 @@ inline std::uint32_t Hash(const char* p, std::size_t size) {
   } else {
     tail = 0;
   }
-  h = (h ^ tail) * 0xBF58476D1CE4E5B9ULL;
-  h ^= h >> 29;
-  h *= 0x94D049BB133111EBULL;
-  // Zero marks an empty entry of the seen-once table.
-  return static_cast<std::uint32_t>(h >> 32) | 1u;
+  h = Mix(h ^ tail, 0x2545F4914F6CDD1DULL);
+  // Zero marks an empty entry of the seen-once table (and no bit may be pinned: the low bits pick
+  // the slot).
+  const auto hash = static_cast<std::uint32_t>(h ^ (h >> 32));
+  return hash != 0 ? hash : 1u;
 }
 
 }  // namespace
+
+std::uint32_t XmlStringCache::Hash(const char* text, std::size_t size) {
+  return HashBytes(text, size);
+}
 
 // Copies of the remembered texts, packed together in blocks from the memory manager.
 struct XmlStringCache::KeyBlock {
@@ -96,9 +119,9 @@ const char* XmlStringCache::CopyKey(const char* text, std::size_t size) {
 }
 
 QString XmlStringCache::Get(const char* text, std::size_t size) {
-  const std::uint32_t hash = Hash(text, size);
+  const std::uint32_t hash = HashBytes(text, size);
   Slot& slot = slots_[hash & mask_];
-  if (slot.hash == hash && slot.size == size && std::memcmp(slot.key, text, size) == 0) {
+  if (slot.hash == hash && slot.size == size && SameBytes(slot.key, text, size)) {
     return slot.value;
   }
   std::uint32_t& seen = seen_[hash & (mask_ * kSeenPerSlot + kSeenPerSlot - 1)];

@@ -24,6 +24,9 @@ class XmlStringCache {
   // The QString of the `size` bytes of valid UTF-8 at `text` (at most kMaxLength).
   QString Get(const char* text, std::size_t size);
 
+  // The hash that places a text in the cache (never 0). Public for tests, which need collisions.
+  static std::uint32_t Hash(const char* text, std::size_t size);
+
  private:
   struct Slot {
     const char* key = nullptr;  // a copy of the text, in the key blocks
