@@ -205,6 +205,13 @@ void HttpConnection<Stream>::OnBody(beast::error_code ec, std::size_t) {
   if (ec == http::error::need_buffer) ec = {};
   if (unread_body_) body_filled_ = body_buffer_.size() - parser_->get().body().size;
   if (ec) {
+    // What did arrive still goes to the exchange: an upload session keeps it.
+    if (exchange_ && body_filled_ > 0) {
+      try {
+        exchange_->OnBody(body_buffer_.data(), body_filled_);
+      } catch (const std::exception&) {
+      }
+    }
     AbortExchange();
     if (IsHttpError(ec) && ec != http::error::partial_message) {
       keep_alive_ = false;

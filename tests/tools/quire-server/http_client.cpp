@@ -54,7 +54,7 @@ HttpResult HttpClient::Send(const std::string& method, const std::string& url,
   curl_easy_reset(c);
   std::string port = std::to_string(port_);
   curl_slist* connect_to = nullptr;
-  for (const char* host : {"docs.quire.example", "api.quire.example"}) {
+  for (const char* host : {"docs.quire.example", "api.quire.example", "other.quire.example"}) {
     for (const char* service_port : {"443", "80"}) {
       connect_to = curl_slist_append(
           connect_to, (std::string(host) + ":" + service_port + ":127.0.0.1:" + port).c_str());

@@ -1,5 +1,6 @@
 // A plain HTTP client for tests (libcurl easy interface). It reaches the emulator the way a host
-// program does: the library's host names are mapped to the emulator's address, and TLS is
+// program does: the library's host names (and other.quire.example, a name the emulator's
+// certificate does not cover) are mapped to the emulator's address, and TLS is
 // verified against the emulator's certificate. One client keeps its connection alive between
 // requests; use one client per thread.
 #pragma once

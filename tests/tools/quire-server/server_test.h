@@ -32,7 +32,8 @@ class ServerTest : public ::testing::Test {
  protected:
   // Starts the server on this test's data folder; asserts that it started.
   void Start(const std::vector<std::string>& extra_args = {}, bool http = false);
-  // Stops the server (SIGTERM) and starts it again with the same arguments and data.
+  // Stops the server (SIGTERM, unless it was killed already) and starts it again with the same
+  // arguments and data.
   void Restart();
   void TearDown() override;
 
