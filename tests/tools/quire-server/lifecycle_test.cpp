@@ -5,7 +5,6 @@
 
 #include <filesystem>
 #include <fstream>
-#include <regex>
 #include <sstream>
 
 #include "quire/model/link_relations.h"
@@ -34,19 +33,22 @@ std::size_t CountEntries(const std::string& dir) {
   return count;
 }
 
+// "quire-server listening on SCHEME://127.0.0.1:PORT".
+bool IsListeningLine(const std::string& line, const std::string& scheme) {
+  std::string prefix = "quire-server listening on " + scheme + "://127.0.0.1:";
+  if (line.compare(0, prefix.size(), prefix) != 0 || line.size() == prefix.size()) return false;
+  return line.find_first_not_of("0123456789", prefix.size()) == std::string::npos;
+}
+
 class LifecycleTest : public ServerTest {};
 
 TEST_F(LifecycleTest, PrintsOneLineWithTheAddress) {
   Start();
-  EXPECT_TRUE(std::regex_match(server_->first_line(),
-                               std::regex(R"(quire-server listening on https://127\.0\.0\.1:\d+)")))
-      << server_->first_line();
+  EXPECT_TRUE(IsListeningLine(server_->first_line(), "https")) << server_->first_line();
   TempDir other;
   ServerProcess http({"--data", other.path(), "--http"});
   ASSERT_TRUE(http.started());
-  EXPECT_TRUE(std::regex_match(http.first_line(),
-                               std::regex(R"(quire-server listening on http://127\.0\.0\.1:\d+)")))
-      << http.first_line();
+  EXPECT_TRUE(IsListeningLine(http.first_line(), "http")) << http.first_line();
   EXPECT_EQ(http.Terminate(), 0);
 }
 

@@ -3,12 +3,12 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
-#include <regex>
 #include <set>
 #include <thread>
 
 #include "quire/model/link_relations.h"
 #include "quire/services/endpoints.h"
+#include "tests/tools/quire-server/raw_connection.h"
 #include "tests/tools/quire-server/server_test.h"
 
 namespace quire_server_test {
@@ -16,9 +16,15 @@ namespace {
 
 namespace q = kestrel::quire;
 
+// RFC 3339 with milliseconds and "Z": 2024-05-01T12:34:56.789Z.
 bool IsTimestamp(const std::string& text) {
-  static const std::regex kForm(R"(\d{4}-\d{2}-\d{2}T\d{2}:\d{2}:\d{2}\.\d{3}Z)");
-  return std::regex_match(text, kForm);
+  const std::string form = "dddd-dd-ddTdd:dd:dd.dddZ";
+  if (text.size() != form.size()) return false;
+  for (std::size_t i = 0; i < form.size(); ++i) {
+    bool ok = form[i] == 'd' ? (text[i] >= '0' && text[i] <= '9') : text[i] == form[i];
+    if (!ok) return false;
+  }
+  return true;
 }
 
 bool IsQuotedTag(const std::string& text) {
@@ -385,6 +391,48 @@ TEST_F(ProtocolTest, DeleteWithIfMatchStarDeletes) {
   EntryView entry = Create("any");
   EXPECT_EQ(Call("DELETE", entry.edit, {"If-Match: *"}).status, 200);
   EXPECT_TRUE(IsError(Call("DELETE", entry.edit, {"If-Match: *"}), 404));
+}
+
+TEST_F(ProtocolTest, ChunkedBodiesAreAccepted) {
+  Start({}, /*http=*/true);
+  RawConnection raw(server_->port());
+  ASSERT_TRUE(raw.Send(
+      "POST /feeds/default/private/full HTTP/1.1\r\nHost: docs.quire.example\r\n"
+      "Quire-Version: 3.0\r\nAuthorization: Bearer quire-demo-token\r\n"
+      "Content-Type: text/plain\r\nTransfer-Encoding: chunked\r\n\r\n"
+      "6\r\nhello \r\n5\r\nworld\r\n0\r\n\r\n"));
+  std::string answer = raw.ReadAnswer();
+  ASSERT_EQ(StatusOf(answer), 201) << answer;
+  EXPECT_EQ(Content(AtomView::ParseEntry(BodyOf(answer))), "hello world");
+  // The connection stays usable.
+  ASSERT_TRUE(raw.Send("GET /userinfo/email HTTP/1.1\r\nHost: api.quire.example\r\n"
+                       "Quire-Version: 3.0\r\n\r\n"));
+  EXPECT_EQ(StatusOf(raw.ReadAnswer()), 200);
+}
+
+TEST_F(ProtocolTest, ExpectContinueIsHonoured) {
+  Start({}, /*http=*/true);
+  std::string head =
+      "POST /feeds/default/private/full HTTP/1.1\r\nHost: docs.quire.example\r\n"
+      "Quire-Version: 3.0\r\nContent-Length: 5\r\nExpect: 100-continue\r\n";
+  {
+    // Accepted: an interim 100, then the body, then the answer.
+    RawConnection raw(server_->port());
+    ASSERT_TRUE(raw.Send(head + "Authorization: Bearer quire-demo-token\r\n\r\n"));
+    EXPECT_EQ(StatusOf(raw.ReadAnswer()), 100);
+    ASSERT_TRUE(raw.Send("12345"));
+    std::string answer = raw.ReadAnswer();
+    ASSERT_EQ(StatusOf(answer), 201) << answer;
+    EXPECT_EQ(Content(AtomView::ParseEntry(BodyOf(answer))), "12345");
+  }
+  {
+    // Refused: the final answer at once, without waiting for the body.
+    RawConnection raw(server_->port());
+    ASSERT_TRUE(raw.Send(head + "\r\n"));
+    std::string answer = raw.ReadAnswer(5000);
+    EXPECT_EQ(StatusOf(answer), 401) << answer;
+  }
+  EXPECT_EQ(Feed().entries.size(), 1u);
 }
 
 // --- Resumable upload ---
