@@ -232,8 +232,7 @@ void HttpConnection<Stream>::OnBody(beast::error_code ec, std::size_t) {
         return Answer(std::move(failure));
       }
       if (!more) {
-        HttpResponse refusal = exchange_->Finish();
-        exchange_.reset();
+        HttpResponse refusal = FinishExchange();
         refusal.close = true;
         unread_body_ = !done;
         return Answer(std::move(refusal));
@@ -243,19 +242,22 @@ void HttpConnection<Stream>::OnBody(beast::error_code ec, std::size_t) {
   }
   if (!done) return ReadBody();
   unread_body_ = false;
-  if (exchange_) {
-    HttpResponse answer;
-    try {
-      answer = exchange_->Finish();
-    } catch (const std::exception& error) {
-      answer = HttpResponse::Error(500, "internalError", error.what());
-    }
-    exchange_.reset();
-    return Answer(std::move(answer));
-  }
+  if (exchange_) return Answer(FinishExchange());
   HttpResponse answer = std::move(*deferred_);
   deferred_.reset();
   Answer(std::move(answer));
+}
+
+template <class Stream>
+HttpResponse HttpConnection<Stream>::FinishExchange() {
+  HttpResponse answer;
+  try {
+    answer = exchange_->Finish();
+  } catch (const std::exception& error) {
+    answer = HttpResponse::Error(500, "internalError", error.what());
+  }
+  exchange_.reset();
+  return answer;
 }
 
 template <class Stream>

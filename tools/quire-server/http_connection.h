@@ -48,6 +48,8 @@ class HttpConnection : public std::enable_shared_from_this<HttpConnection<Stream
   void OnContinueSent(boost::beast::error_code ec, std::size_t bytes);
   void ReadBody();
   void OnBody(boost::beast::error_code ec, std::size_t bytes);
+  // The exchange's answer (500 if it fails); the exchange is gone afterwards.
+  HttpResponse FinishExchange();
   void AbortExchange();
   void Answer(HttpResponse response);
   void Send(HttpResponse response);

@@ -396,17 +396,18 @@ TEST_F(ProtocolTest, DeleteWithIfMatchStarDeletes) {
 TEST_F(ProtocolTest, ChunkedBodiesAreAccepted) {
   Start({}, /*http=*/true);
   RawConnection raw(server_->port());
-  ASSERT_TRUE(raw.Send(
-      "POST /feeds/default/private/full HTTP/1.1\r\nHost: docs.quire.example\r\n"
-      "Quire-Version: 3.0\r\nAuthorization: Bearer quire-demo-token\r\n"
-      "Content-Type: text/plain\r\nTransfer-Encoding: chunked\r\n\r\n"
-      "6\r\nhello \r\n5\r\nworld\r\n0\r\n\r\n"));
+  ASSERT_TRUE(
+      raw.Send("POST /feeds/default/private/full HTTP/1.1\r\nHost: docs.quire.example\r\n"
+               "Quire-Version: 3.0\r\nAuthorization: Bearer quire-demo-token\r\n"
+               "Content-Type: text/plain\r\nTransfer-Encoding: chunked\r\n\r\n"
+               "6\r\nhello \r\n5\r\nworld\r\n0\r\n\r\n"));
   std::string answer = raw.ReadAnswer();
   ASSERT_EQ(StatusOf(answer), 201) << answer;
   EXPECT_EQ(Content(AtomView::ParseEntry(BodyOf(answer))), "hello world");
   // The connection stays usable.
-  ASSERT_TRUE(raw.Send("GET /userinfo/email HTTP/1.1\r\nHost: api.quire.example\r\n"
-                       "Quire-Version: 3.0\r\n\r\n"));
+  ASSERT_TRUE(
+      raw.Send("GET /userinfo/email HTTP/1.1\r\nHost: api.quire.example\r\n"
+               "Quire-Version: 3.0\r\n\r\n"));
   EXPECT_EQ(StatusOf(raw.ReadAnswer()), 200);
 }
 
