@@ -3,7 +3,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
-#include <spawn.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -47,13 +47,19 @@ ServerProcess::ServerProcess(const std::vector<std::string>& args,
   for (std::string& entry : env_text) envp.push_back(entry.data());
   envp.push_back(nullptr);
 
-  posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_adddup2(&actions, out[1], STDOUT_FILENO);
-  int rc = posix_spawn(&pid_, argv[0], &actions, nullptr, argv.data(), envp.data());
-  posix_spawn_file_actions_destroy(&actions);
+  // fork/exec rather than posix_spawn, to have the server killed if the test process dies (a
+  // crash or a time-out must not leave servers behind). Between fork and exec only system calls.
+  pid_t parent = ::getpid();
+  pid_ = ::fork();
+  if (pid_ == 0) {
+    ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+    if (::getppid() != parent) ::_exit(127);
+    ::dup2(out[1], STDOUT_FILENO);
+    ::execve(argv[0], argv.data(), envp.data());
+    ::_exit(127);
+  }
   ::close(out[1]);
-  if (rc != 0) {
+  if (pid_ < 0) {
     ::close(out[0]);
     pid_ = -1;
     return;

@@ -1,5 +1,7 @@
 // Runs the quire-server binary as a child process for a test: starts it with the given arguments,
-// waits (bounded) for its "listening on" line, and stops it with SIGTERM or SIGKILL.
+// waits (bounded) for its "listening on" line, and stops it with SIGTERM or SIGKILL. The server is
+// killed when the thread that started it ends (so also when the test process dies): start servers
+// from the test's main thread.
 #pragma once
 
 #include <sys/types.h>
