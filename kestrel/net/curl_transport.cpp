@@ -7,6 +7,7 @@
 #include <QFile>
 #include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <cmath>
 #include <cstdint>
 #include <cstring>
@@ -33,10 +34,15 @@ constexpr long kUploadBufferBytes = 1024 * 1024;
 // A Content-Length up to this is reserved in one piece before the first body byte; beyond it the
 // buffer grows as bytes arrive, so a server cannot make us reserve what it never sends.
 constexpr curl_off_t kMaxReservedBodyBytes = curl_off_t{2} * 1024 * 1024 * 1024;
+// Hosts whose idle connections the connection cache makes room for.
+constexpr std::size_t kMaxHostsCounted = 16;
 // Easy handles kept for reuse by later requests.
 constexpr std::size_t kMaxPooledHandles = 16;
 // The longest the I/O thread sleeps in one poll; wake-ups and libcurl's own timers cut it short.
 constexpr int kPollMilliseconds = 1000;
+// How long the I/O thread stays awake after activity before it sleeps: about one round trip of a
+// small request on a local network. Waking a sleeping thread costs more than this much spinning.
+constexpr std::chrono::microseconds kSpin(50);
 
 void InitLibcurlOnce() {
   static std::once_flag once;
@@ -330,6 +336,8 @@ struct CurlTransport::Impl {
   std::mutex mutex;
   std::vector<Transfer*> queue;
   bool stopping = false;
+  std::atomic<bool> queued{false};    // `queue` may be non-empty
+  std::atomic<bool> sleeping{false};  // the I/O thread is (about to be) blocked in curl_multi_poll
   std::atomic<std::size_t> in_flight{0};
 
   // --- Main thread.
@@ -358,7 +366,11 @@ struct CurlTransport::Impl {
   void Add(Transfer* transfer);
   void SetUpHandle(Transfer* transfer, CURL* easy);
   void UpdateConnectionCache();
-  void Reap();
+  // Waits a little, awake, for socket activity or a new request; true when one came. A request
+  // issued from a completion handler is then picked up without waking a sleeping thread.
+  bool Spin();
+  // Finishes the transfers libcurl reports done; true when there was one.
+  bool Reap();
   void Finish(Transfer* transfer, std::uint32_t code);
 };
 
@@ -379,14 +391,14 @@ void CurlTransport::Impl::EnsureStarted() {
 void CurlTransport::Impl::Enqueue(Transfer* transfer) {
   EnsureStarted();
   in_flight.fetch_add(1, std::memory_order_relaxed);
-  bool wake;
   {
     std::lock_guard<std::mutex> lock(mutex);
-    // A non-empty queue already has a wake-up on its way.
-    wake = queue.empty();
     queue.push_back(transfer);
+    queued.store(true, std::memory_order_release);
   }
-  if (wake) curl_multi_wakeup(multi);
+  // Only a sleeping I/O thread needs the wake-up; a spinning one sees `queued`. The I/O thread sets
+  // `sleeping` before it looks at the queue a last time, so one of the two sees the other.
+  if (sleeping.load(std::memory_order_seq_cst)) curl_multi_wakeup(multi);
 }
 
 void CurlTransport::Impl::Stop() {
@@ -394,8 +406,11 @@ void CurlTransport::Impl::Stop() {
   {
     std::lock_guard<std::mutex> lock(mutex);
     stopping = true;
+    queued.store(true, std::memory_order_release);
+    // Under the lock: the I/O thread cannot see `stopping`, and close the wake-up socket, before
+    // this call is done with it.
+    curl_multi_wakeup(multi);
   }
-  curl_multi_wakeup(multi);
   thread.join();
 }
 
@@ -406,19 +421,29 @@ void CurlTransport::Impl::Run() {
     {
       std::lock_guard<std::mutex> lock(mutex);
       incoming.swap(queue);
+      queued.store(false, std::memory_order_relaxed);
       stop = stopping;
     }
     if (stop) {
       for (Transfer* transfer : incoming) Finish(transfer, status::kErrorUnknown);
       break;
     }
+    const bool added = !incoming.empty();
     for (Transfer* transfer : incoming) Add(transfer);
     incoming.clear();
     UpdateConnectionCache();
     int running = 0;
     curl_multi_perform(multi, &running);
-    Reap();
-    curl_multi_poll(multi, nullptr, 0, kPollMilliseconds, nullptr);
+    const bool finished = Reap();
+    if ((added || finished || running > 0) && Spin()) continue;
+    sleeping.store(true, std::memory_order_seq_cst);
+    bool empty;
+    {
+      std::lock_guard<std::mutex> lock(mutex);
+      empty = queue.empty() && !stopping;
+    }
+    if (empty) curl_multi_poll(multi, nullptr, 0, kPollMilliseconds, nullptr);
+    sleeping.store(false, std::memory_order_relaxed);
   }
   // Stopping: whatever is still on its way fails, keeping what had arrived.
   while (active != nullptr) Finish(active, status::kErrorUnknown);
@@ -456,7 +481,8 @@ void CurlTransport::Impl::Add(Transfer* transfer) {
   }
   idle_per_host = options.max_idle_connections_per_host;
   const auto host = std::make_pair(transfer->host, transfer->port);
-  if (std::find(hosts_seen.begin(), hosts_seen.end(), host) == hosts_seen.end()) {
+  if (hosts_seen.size() < kMaxHostsCounted &&
+      std::find(hosts_seen.begin(), hosts_seen.end(), host) == hosts_seen.end()) {
     hosts_seen.push_back(host);
   }
 
@@ -562,7 +588,19 @@ void CurlTransport::Impl::UpdateConnectionCache() {
   curl_multi_setopt(multi, CURLMOPT_MAXCONNECTS, wanted);
 }
 
-void CurlTransport::Impl::Reap() {
+bool CurlTransport::Impl::Spin() {
+  const auto deadline = std::chrono::steady_clock::now() + kSpin;
+  do {
+    int ready = 0;
+    curl_multi_poll(multi, nullptr, 0, 0, &ready);
+    if (ready > 0 || queued.load(std::memory_order_acquire)) return true;
+    std::this_thread::yield();
+  } while (std::chrono::steady_clock::now() < deadline);
+  return false;
+}
+
+bool CurlTransport::Impl::Reap() {
+  bool finished = false;
   int left = 0;
   while (CURLMsg* message = curl_multi_info_read(multi, &left)) {
     if (message->msg != CURLMSG_DONE) continue;
@@ -577,7 +615,9 @@ void CurlTransport::Impl::Reap() {
           http_code >= 100 ? status::FromHttp(static_cast<int>(http_code)) : status::kErrorUnknown;
     }
     Finish(transfer, code);
+    finished = true;
   }
+  return finished;
 }
 
 void CurlTransport::Impl::Finish(Transfer* transfer, std::uint32_t code) {
