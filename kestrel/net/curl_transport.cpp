@@ -621,17 +621,8 @@ bool CurlTransport::Impl::Reap() {
 }
 
 void CurlTransport::Impl::Finish(Transfer* transfer, std::uint32_t code) {
-  if (transfer->easy != nullptr) {
-    if (transfer->in_multi) curl_multi_remove_handle(multi, transfer->easy);
-    if (idle_handles.size() < kMaxPooledHandles) {
-      curl_easy_reset(transfer->easy);
-      idle_handles.push_back(transfer->easy);
-    } else {
-      curl_easy_cleanup(transfer->easy);
-    }
-    transfer->easy = nullptr;
-    transfer->in_multi = false;
-  }
+  CURL* easy = transfer->easy;
+  if (easy != nullptr && transfer->in_multi) curl_multi_remove_handle(multi, easy);
   if (transfer->prev != nullptr || transfer->next != nullptr || active == transfer) {
     if (transfer->prev != nullptr) transfer->prev->next = transfer->next;
     if (transfer->next != nullptr) transfer->next->prev = transfer->prev;
@@ -642,10 +633,19 @@ void CurlTransport::Impl::Finish(Transfer* transfer, std::uint32_t code) {
   HttpRequest* http = transfer->http;
   http->SetResponseStatus(code);
   for (QString& line : transfer->lines) http->AddResponseHeader(line);
-  NetworkRequest* request = transfer->request;
+  // From here on the request belongs to the main loop; the handle is recycled meanwhile.
+  PostCompletion(transfer->request);
+  if (easy != nullptr) {
+    if (idle_handles.size() < kMaxPooledHandles) {
+      curl_easy_reset(easy);
+      idle_handles.push_back(easy);
+    } else {
+      curl_easy_cleanup(easy);
+    }
+  }
   FreeTransfer(transfer);
-  PostCompletion(request);
-  // Released after the post, so that whoever sees the count drop finds the completion queued.
+  // Released last, so that whoever sees the count drop finds the completion queued and the
+  // transfer's memory given back.
   in_flight.fetch_sub(1, std::memory_order_release);
 }
 
