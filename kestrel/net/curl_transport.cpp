@@ -40,8 +40,9 @@ constexpr std::size_t kMaxHostsCounted = 16;
 constexpr std::size_t kMaxPooledHandles = 16;
 // The longest the I/O thread sleeps in one poll; wake-ups and libcurl's own timers cut it short.
 constexpr int kPollMilliseconds = 1000;
-// How long the I/O thread stays awake after activity before it sleeps: about one round trip of a
-// small request on a local network. Waking a sleeping thread costs more than this much spinning.
+// How long the I/O thread stays awake after activity before it sleeps. Within it, the next request
+// of a chained operation (issued from a completion handler) or the answer of a nearby server
+// usually arrives, and each such request is spared waking a sleeping thread.
 constexpr std::chrono::microseconds kSpin(50);
 
 void InitLibcurlOnce() {
