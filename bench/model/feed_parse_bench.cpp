@@ -1,23 +1,32 @@
-// Parsing a generated document feed: the library's road (XmlReader, then DocsFeed::ParseFrom)
-// beside a raw pugixml DOM parse of the same bytes, in the same run. Prints MB/s, entries/s, the
-// ratio of the two, the memory manager's allocations per entry, and the same at four feed sizes to
-// show that the cost grows linearly with the number of entries.
+// Parsing a generated document feed: the library's road (XmlReader, then DocsFeed::ParseFrom, then
+// deleting both) beside a raw pugixml DOM parse of the same bytes (parse, count the entries, delete
+// the document), in the same run, at feed sizes from 100 to 100,000 entries to show that the cost
+// grows linearly with the number of entries.
 //
-//   feed_parse_bench [--quick]
+//   feed_parse_bench [--quick] [--out FILE] [--sizes N,...]
 //
-// Each figure is the median of several timed runs that alternate between the two roads.
+// Times are the parsing thread's CPU time (user and system, page faults included), which other
+// programs on a shared machine do not inflate; wall-clock times are printed beside them. Each round
+// runs every road twice and times the second run, so that each timed parse finds the allocator as
+// its own road leaves it (memory freed by the other road would flatter whichever came second); who
+// goes first alternates between rounds. Figures are medians over the rounds.
 #include <QByteArray>
 #include <QString>
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <pugixml.hpp>
+#include <string>
 #include <vector>
 
+#include "bench/suite/bench_common.h"
 #include "kestrel/base/memory_manager.h"
 #include "kestrel/xml/xml_reader.h"
 #include "quire/model/docs_feed.h"
+#include "quire/model/internal/xml_lookup.h"
 #include "quire/model/link_relations.h"
 
 namespace {
@@ -102,17 +111,40 @@ QByteArray MakeFeed(int entries) {
   return feed;
 }
 
-double Seconds(Clock::time_point start) {
-  return std::chrono::duration<double>(Clock::now() - start).count();
+// The calling thread's CPU time in seconds.
+double ThreadCpu() {
+  timespec now;
+  clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now);
+  return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) / 1e9;
 }
 
+struct Times {
+  double cpu = 0;
+  double wall = 0;
+};
+
+// Starts timing at construction; Lap() gives the time since the last lap.
+class Stopwatch {
+ public:
+  Stopwatch() : cpu_(ThreadCpu()), wall_(Clock::now()) {}
+  Times Lap() {
+    const double cpu = ThreadCpu();
+    const Clock::time_point wall = Clock::now();
+    Times times{cpu - cpu_, std::chrono::duration<double>(wall - wall_).count()};
+    cpu_ = cpu;
+    wall_ = wall;
+    return times;
+  }
+
+ private:
+  double cpu_;
+  Clock::time_point wall_;
+};
+
 struct OursRun {
-  double seconds = 0;
+  Times total;
   // The parts: the reader's parse, the model's ParseFrom, deleting the feed, deleting the reader.
-  double reader_seconds = 0;
-  double model_seconds = 0;
-  double delete_feed_seconds = 0;
-  double delete_reader_seconds = 0;
+  Times reader, model, delete_feed, delete_reader;
   long long allocations = 0;
   std::size_t entries = 0;
   bool ok = false;
@@ -123,30 +155,27 @@ OursRun RunOurs(const QByteArray& bytes) {
   auto* mm = kestrel::MemoryManager::Default();
   OursRun run;
   const long long allocations_before = mm->total_allocations();
-  const Clock::time_point start = Clock::now();
+  Stopwatch watch;
   kestrel::XmlReader* reader = kestrel::doNew<kestrel::XmlReader>(bytes);
-  const Clock::time_point parsed = Clock::now();
+  run.reader = watch.Lap();
   kestrel::quire::DocsFeed* feed = kestrel::doNew<kestrel::quire::DocsFeed>();
   run.ok = !reader->GetErrorsOccurred() && feed->ParseFrom(reader->GetRootNode());
   run.entries = feed->entries.size();
-  const Clock::time_point modelled = Clock::now();
+  run.model = watch.Lap();
   kestrel::doDelete(feed);
-  const Clock::time_point feed_deleted = Clock::now();
+  run.delete_feed = watch.Lap();
   kestrel::doDelete(reader);
-  const Clock::time_point end = Clock::now();
-  run.seconds = std::chrono::duration<double>(end - start).count();
-  run.reader_seconds = std::chrono::duration<double>(parsed - start).count();
-  run.model_seconds = std::chrono::duration<double>(modelled - parsed).count();
-  run.delete_feed_seconds = std::chrono::duration<double>(feed_deleted - modelled).count();
-  run.delete_reader_seconds = std::chrono::duration<double>(end - feed_deleted).count();
+  run.delete_reader = watch.Lap();
+  run.total.cpu = run.reader.cpu + run.model.cpu + run.delete_feed.cpu + run.delete_reader.cpu;
+  run.total.wall = run.reader.wall + run.model.wall + run.delete_feed.wall + run.delete_reader.wall;
   run.allocations = mm->total_allocations() - allocations_before;
   return run;
 }
 
 // The raw DOM parse of the same bytes (pugixml's default options), and a count of the entries so
 // that both roads visibly did the whole job.
-double RunRaw(const QByteArray& bytes, std::size_t* entries) {
-  const Clock::time_point start = Clock::now();
+Times RunRaw(const QByteArray& bytes, std::size_t* entries) {
+  Stopwatch watch;
   {
     pugi::xml_document document;
     const pugi::xml_parse_result result =
@@ -161,95 +190,237 @@ double RunRaw(const QByteArray& bytes, std::size_t* entries) {
     }
     *entries = count;
   }
-  return Seconds(start);
+  return watch.Lap();
 }
 
-double Median(std::vector<double> values) {
-  std::sort(values.begin(), values.end());
-  return values[values.size() / 2];
+// The least any parser that fills these records must spend beyond finding the bytes: the entries'
+// DocsEntry records with their five texts and five addresses, made from bytes already located by a
+// pugixml parse (not timed), then deleted. Addresses take the model's own quickest road.
+Times RunRecordsAlone(const QByteArray& bytes, std::size_t* entries) {
+  pugi::xml_document document;
+  document.load_buffer(bytes.constData(), static_cast<std::size_t>(bytes.size()),
+                       pugi::parse_default, pugi::encoding_utf8);
+  auto text = [](const char* utf8) { return QString::fromUtf8(utf8); };
+  auto url = [](const char* utf8) {
+    return kestrel::quire::internal::UrlFromAttribute(QString::fromUtf8(utf8));
+  };
+  Stopwatch watch;
+  {
+    kestrel::quire::DocsFeed feed;
+    for (pugi::xml_node node = document.document_element().child("entry"); node;
+         node = node.next_sibling("entry")) {
+      auto* entry = kestrel::doNew<kestrel::quire::DocsEntry>();
+      entry->etag = text(node.attribute("qr:etag").value());
+      entry->id = text(node.child_value("id"));
+      entry->updated = text(node.child_value("updated"));
+      entry->title = text(node.child_value("title"));
+      const pugi::xml_node content = node.child("content");
+      entry->content_type = text(content.attribute("type").value());
+      entry->content_src = url(content.attribute("src").value());
+      for (pugi::xml_node link = node.child("link"); link; link = link.next_sibling("link")) {
+        const char* rel = link.attribute("rel").value();
+        if (std::strcmp(rel, "edit") == 0) {
+          entry->edit_link = url(link.attribute("href").value());
+        } else if (std::strcmp(rel, kestrel::quire::kResumableEditMediaRel) == 0) {
+          entry->resumable_edit_media_link = url(link.attribute("href").value());
+        }
+      }
+      for (pugi::xml_node link = node.child("qr:feedLink"); link;
+           link = link.next_sibling("qr:feedLink")) {
+        const char* rel = link.attribute("rel").value();
+        if (std::strcmp(rel, kestrel::quire::kAclFeedRel) == 0) {
+          entry->acl_feed_link = url(link.attribute("href").value());
+        } else if (std::strcmp(rel, kestrel::quire::kRevisionsFeedRel) == 0) {
+          entry->revisions_feed_link = url(link.attribute("href").value());
+        }
+      }
+      feed.entries.push_back(entry);
+    }
+    *entries = feed.entries.size();
+  }
+  return watch.Lap();
 }
 
-struct Row {
-  int entries;
-  double megabytes;
-  double ours;
-  double reader;
-  double model;
-  double delete_feed;
-  double delete_reader;
-  double raw;
-  double allocations_per_entry;
+struct Series {
+  std::vector<double> cpu, wall;
+  void Add(const Times& times) {
+    cpu.push_back(times.cpu);
+    wall.push_back(times.wall);
+  }
 };
 
-Row Measure(int entries, int runs) {
+struct Result {
+  int entries = 0;
+  double megabytes = 0;
+  Series ours, raw, records, reader, model, delete_feed, delete_reader;
+  double allocations_per_entry = 0;
+};
+
+Result Measure(int entries, int rounds) {
   const QByteArray bytes = MakeFeed(entries);
-  std::vector<double> ours, reader, model, delete_feed, delete_reader, raw;
-  long long allocations = 0;
-  // One warm-up of each road, then alternating timed runs.
-  std::size_t raw_entries = 0;
-  RunOurs(bytes);
-  RunRaw(bytes, &raw_entries);
-  for (int i = 0; i < runs; ++i) {
+  Result result;
+  result.entries = entries;
+  result.megabytes = static_cast<double>(bytes.size()) / 1e6;
+  auto ours = [&](bool timed) {
     const OursRun run = RunOurs(bytes);
     if (!run.ok || run.entries != static_cast<std::size_t>(entries)) {
       std::fprintf(stderr, "the feed did not parse (%zu entries)\n", run.entries);
       std::exit(1);
     }
-    ours.push_back(run.seconds);
-    reader.push_back(run.reader_seconds);
-    model.push_back(run.model_seconds);
-    delete_feed.push_back(run.delete_feed_seconds);
-    delete_reader.push_back(run.delete_reader_seconds);
-    allocations = run.allocations;
-    raw.push_back(RunRaw(bytes, &raw_entries));
-    if (raw_entries != static_cast<std::size_t>(entries)) {
-      std::fprintf(stderr, "pugixml found %zu entries\n", raw_entries);
+    if (!timed) return;
+    result.ours.Add(run.total);
+    result.reader.Add(run.reader);
+    result.model.Add(run.model);
+    result.delete_feed.Add(run.delete_feed);
+    result.delete_reader.Add(run.delete_reader);
+    result.allocations_per_entry = static_cast<double>(run.allocations) / entries;
+  };
+  auto raw = [&](bool timed) {
+    std::size_t found = 0;
+    const Times times = RunRaw(bytes, &found);
+    if (found != static_cast<std::size_t>(entries)) {
+      std::fprintf(stderr, "pugixml found %zu entries\n", found);
       std::exit(1);
     }
+    if (timed) result.raw.Add(times);
+  };
+  auto records = [&](bool timed) {
+    std::size_t made = 0;
+    const Times times = RunRecordsAlone(bytes, &made);
+    if (made != static_cast<std::size_t>(entries)) {
+      std::fprintf(stderr, "the records road made %zu entries\n", made);
+      std::exit(1);
+    }
+    if (timed) result.records.Add(times);
+  };
+  for (int round = 0; round < rounds; ++round) {
+    for (int turn = 0; turn < 3; ++turn) {
+      switch ((turn + round) % 3) {
+        case 0:
+          ours(false);
+          ours(true);
+          break;
+        case 1:
+          raw(false);
+          raw(true);
+          break;
+        default:
+          records(false);
+          records(true);
+          break;
+      }
+    }
   }
-  return Row{entries,
-             static_cast<double>(bytes.size()) / 1e6,
-             Median(ours),
-             Median(reader),
-             Median(model),
-             Median(delete_feed),
-             Median(delete_reader),
-             Median(raw),
-             static_cast<double>(allocations) / entries};
+  return result;
 }
 
-void Print(const Row& row) {
+double Median(const std::vector<double>& values) { return quire_bench::Median(values); }
+
+std::vector<double> Milliseconds(const std::vector<double>& seconds) {
+  std::vector<double> out;
+  for (double s : seconds) out.push_back(s * 1e3);
+  return out;
+}
+
+void Print(const Result& r) {
+  const double ours = Median(r.ours.cpu);
+  const double raw = Median(r.raw.cpu);
+  const double us = 1e6 / r.entries;
   std::printf(
-      "%8d %7.2f | %8.1f %10.0f | %8.1f %10.0f | %6.2fx | %6.3f | %7.2f %7.2f %7.2f %7.2f\n",
-      row.entries, row.megabytes, row.megabytes / row.ours, row.entries / row.ours,
-      row.megabytes / row.raw, row.entries / row.raw, row.raw / row.ours, row.allocations_per_entry,
-      row.reader * 1e6 / row.entries, row.model * 1e6 / row.entries,
-      row.delete_feed * 1e6 / row.entries, row.delete_reader * 1e6 / row.entries);
+      "%8d %7.2f | %9.2f %9.2f | %9.2f %9.2f | %6.3fx | %7.2f | %6.3f | %6.2f %6.2f %6.2f %6.2f\n",
+      r.entries, r.megabytes, ours * us, Median(r.ours.wall) * us, raw * us,
+      Median(r.raw.wall) * us, raw / ours, Median(r.records.cpu) * us, r.allocations_per_entry,
+      Median(r.reader.cpu) * us, Median(r.model.cpu) * us, Median(r.delete_feed.cpu) * us,
+      Median(r.delete_reader.cpu) * us);
+  std::fflush(stdout);
+}
+
+bool Report(const std::string& out, const Result& r, bool headline) {
+  quire_bench::Row row;
+  row.id = "feed.cpu.entries." + std::to_string(r.entries);
+  row.title = "feed of " + std::to_string(r.entries) + " entries (" +
+              std::to_string(static_cast<int>(r.megabytes * 10 + 0.5) / 10.0).substr(0, 5) +
+              " MB), parse and delete";
+  row.unit = "ms";
+  row.ours_name = "XmlReader + DocsFeed::ParseFrom";
+  row.peer_name = "pugixml DOM parse";
+  row.ours = Milliseconds(r.ours.cpu);
+  row.peer = Milliseconds(r.raw.cpu);
+  row.lower_better = true;
+  row.goal = headline ? 0.5 : 0;
+  char note[200];
+  const double us = 1e6 / r.entries;
+  std::snprintf(note, sizeof(note),
+                "per entry: reader %.2f us, ParseFrom %.2f us, deleting the feed %.2f us, the "
+                "reader %.2f us; %.2f memory-manager allocations per entry",
+                Median(r.reader.cpu) * us, Median(r.model.cpu) * us, Median(r.delete_feed.cpu) * us,
+                Median(r.delete_reader.cpu) * us, r.allocations_per_entry);
+  row.note = note;
+  if (!quire_bench::AppendRow(out, row, false)) return false;
+  if (headline) {
+    quire_bench::Row records = row;
+    records.id = "feed.records.entries." + std::to_string(r.entries);
+    records.title = "the records alone of " + std::to_string(r.entries) +
+                    " entries (made from located bytes, no parsing), made and deleted";
+    records.ours_name = "DocsEntry records";
+    records.ours = Milliseconds(r.records.cpu);
+    records.goal = 0;
+    records.note.clear();
+    if (!quire_bench::AppendRow(out, records, false)) return false;
+  }
+  // The same in wall-clock time, for comparison.
+  row.id = "feed.wall.entries." + std::to_string(r.entries);
+  row.title += " (wall clock)";
+  row.ours = Milliseconds(r.ours.wall);
+  row.peer = Milliseconds(r.raw.wall);
+  row.goal = 0;
+  row.note.clear();
+  return quire_bench::AppendRow(out, row, false);
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-  const bool quick = argc > 1 && std::strcmp(argv[1], "--quick") == 0;
+  bool quick = false;
+  std::string out;
+  std::vector<int> sizes = {100, 300, 1000, 3000, 10000, 30000, 100000};
+  for (int i = 1; i < argc; ++i) {
+    const std::string arg = argv[i];
+    if (arg == "--quick") {
+      quick = true;
+    } else if (arg == "--out" && i + 1 < argc) {
+      out = argv[++i];
+    } else if (arg == "--sizes" && i + 1 < argc) {
+      sizes.clear();
+      const std::string list = argv[++i];
+      for (std::size_t at = 0; at < list.size();) {
+        sizes.push_back(std::atoi(list.c_str() + at));
+        const std::size_t comma = list.find(',', at);
+        at = comma == std::string::npos ? list.size() : comma + 1;
+      }
+    } else {
+      std::fprintf(stderr, "usage: %s [--quick] [--out FILE] [--sizes N,...]\n", argv[0]);
+      return 2;
+    }
+  }
   std::printf(
       "Feed parse: XmlReader + DocsFeed::ParseFrom (ours) beside a raw pugixml DOM parse\n");
-  std::printf("of the same bytes. ratio = our speed / raw speed. allocs = memory-manager\n");
   std::printf(
-      "allocations per entry on our road. The last four columns split our time per entry\n");
+      "of the same bytes, both including deletion. Times in microseconds per entry of the\n");
   std::printf(
-      "(microseconds): reader parse, ParseFrom, deleting the feed, deleting the reader.\n\n");
-  std::printf("%8s %7s | %8s %10s | %8s %10s | %7s | %6s | %7s %7s %7s %7s\n", "entries", "MB",
-              "ours", "entries/s", "raw", "entries/s", "ratio", "allocs", "reader", "model",
-              "del.feed", "del.rdr");
-  std::printf("%8s %7s | %8s %10s | %8s %10s | %7s | %6s | %7s %7s %7s %7s\n", "", "", "MB/s", "",
-              "MB/s", "", "", "/entry", "us", "us", "us", "us");
-  const Row headline = Measure(10000, quick ? 3 : 15);
-  Print(headline);
-  std::printf("\nGrowth with the number of entries:\n");
-  const int sizes[] = {100, 1000, 10000, 100000};
+      "thread's CPU time (and wall clock); ratio = raw CPU time / our CPU time. allocs =\n");
+  std::printf("memory-manager allocations per entry; records = CPU time of making and deleting\n");
+  std::printf("the entries' records alone from bytes already located (no parsing); the last\n");
+  std::printf("four columns split our CPU time: reader parse, ParseFrom, deleting the feed,\n");
+  std::printf("deleting the reader.\n\n");
+  std::printf("%8s %7s | %9s %9s | %9s %9s | %7s | %7s | %6s | %6s %6s %6s %6s\n", "entries", "MB",
+              "ours cpu", "ours wall", "raw cpu", "raw wall", "ratio", "records", "allocs",
+              "reader", "model", "delF", "delR");
   for (int entries : sizes) {
-    const int runs = quick ? 3 : (entries <= 1000 ? 101 : entries <= 10000 ? 15 : 5);
-    Print(Measure(entries, runs));
+    const int rounds = quick ? 3 : (entries <= 1000 ? 41 : entries <= 10000 ? 15 : 5);
+    const Result result = Measure(entries, rounds);
+    Print(result);
+    if (!Report(out, result, entries == 10000)) return 1;
   }
   return 0;
 }

@@ -1,0 +1,190 @@
+#include "bench/suite/bench_common.h"
+
+#include <fcntl.h>
+#include <spawn.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <sstream>
+
+extern char** environ;
+
+namespace quire_bench {
+
+double SecondsSince(Clock::time_point start) {
+  return std::chrono::duration<double>(Clock::now() - start).count();
+}
+
+double Median(std::vector<double> values) {
+  if (values.empty()) return 0;
+  std::sort(values.begin(), values.end());
+  const std::size_t n = values.size();
+  return n % 2 == 1 ? values[n / 2] : (values[n / 2 - 1] + values[n / 2]) / 2;
+}
+
+namespace {
+
+double CpuSeconds(const rusage& usage) {
+  return static_cast<double>(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) +
+         static_cast<double>(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1e6;
+}
+
+// Runs `argv` with standard output into a pipe and returns what it wrote, or false when it could
+// not be started or did not exit with 0.
+bool Capture(std::vector<std::string> args, std::string* output, double* cpu_seconds = nullptr) {
+  std::vector<char*> argv;
+  for (std::string& arg : args) argv.push_back(&arg[0]);
+  argv.push_back(nullptr);
+  int pipe_fds[2];
+  if (pipe(pipe_fds) != 0) return false;
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  posix_spawn_file_actions_adddup2(&actions, pipe_fds[1], STDOUT_FILENO);
+  posix_spawn_file_actions_addclose(&actions, pipe_fds[0]);
+  pid_t pid = 0;
+  const int spawned = posix_spawnp(&pid, argv[0], &actions, nullptr, argv.data(), environ);
+  posix_spawn_file_actions_destroy(&actions);
+  close(pipe_fds[1]);
+  char buffer[512];
+  ssize_t n;
+  while ((n = read(pipe_fds[0], buffer, sizeof(buffer))) > 0) {
+    output->append(buffer, static_cast<std::size_t>(n));
+  }
+  close(pipe_fds[0]);
+  if (spawned != 0) return false;
+  int status = 0;
+  rusage usage{};
+  wait4(pid, &status, 0, &usage);
+  if (cpu_seconds != nullptr) *cpu_seconds = CpuSeconds(usage);
+  return WIFEXITED(status) && WEXITSTATUS(status) == 0;
+}
+
+}  // namespace
+
+CurlTimes RunCurl(const std::vector<std::string>& args) {
+  std::vector<std::string> all = {"curl",
+                                  "-s",
+                                  "-S",
+                                  "--fail",
+                                  "--http1.1",
+                                  "-w",
+                                  "%{time_total} %{time_pretransfer}",
+                                  "--no-progress-meter"};
+  all.insert(all.end(), args.begin(), args.end());
+  CurlTimes times;
+  std::string output;
+  double cpu = 0;
+  if (!Capture(all, &output, &cpu)) return times;
+  times.cpu = cpu;
+  std::istringstream in(output);
+  double total = -1, pretransfer = 0;
+  if (!(in >> total >> pretransfer)) return times;
+  times.total = total;
+  times.pretransfer = pretransfer;
+  return times;
+}
+
+std::string CurlCommandVersion() {
+  std::string output;
+  if (!Capture({"curl", "--version"}, &output)) return std::string();
+  return output.substr(0, output.find('\n'));
+}
+
+double ProcessCpuSeconds() {
+  rusage usage{};
+  getrusage(RUSAGE_SELF, &usage);
+  return CpuSeconds(usage);
+}
+
+long long StatusKiB(const char* field) {
+  std::ifstream status("/proc/self/status");
+  std::string line;
+  const std::string key = std::string(field) + ":";
+  while (std::getline(status, line)) {
+    if (line.compare(0, key.size(), key) == 0) return std::atoll(line.c_str() + key.size());
+  }
+  return -1;
+}
+
+bool ResetPeakRss() {
+  std::FILE* file = std::fopen("/proc/self/clear_refs", "w");
+  if (file == nullptr) return false;
+  const bool ok = std::fputs("5", file) >= 0;
+  return std::fclose(file) == 0 && ok;
+}
+
+void FillPseudoRandom(char* out, long long size, unsigned long long seed) {
+  unsigned long long state = seed * 0x9E3779B97F4A7C15ull + 1;
+  long long i = 0;
+  for (; i + 8 <= size; i += 8) {
+    state ^= state << 13;
+    state ^= state >> 7;
+    state ^= state << 17;
+    std::memcpy(out + i, &state, 8);
+  }
+  for (; i < size; ++i) out[i] = static_cast<char>(i);
+}
+
+bool WriteFile(const std::string& path, const char* data, long long size) {
+  const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+  if (fd < 0) return false;
+  long long written = 0;
+  while (written < size) {
+    const ssize_t n = write(fd, data + written, static_cast<std::size_t>(size - written));
+    if (n <= 0) break;
+    written += n;
+  }
+  return close(fd) == 0 && written == size;
+}
+
+namespace {
+
+std::string Join(const std::vector<double>& values) {
+  std::string out;
+  char number[64];
+  for (std::size_t i = 0; i < values.size(); ++i) {
+    std::snprintf(number, sizeof(number), "%s%.6g", i == 0 ? "" : ",", values[i]);
+    out += number;
+  }
+  return out;
+}
+
+void Echo(const Row& row) {
+  const double ours = Median(row.ours);
+  std::printf("  %-58s %12.1f %s", row.title.c_str(), ours, row.unit.c_str());
+  if (!row.peer.empty()) {
+    const double peer = Median(row.peer);
+    const double ratio = row.lower_better ? peer / ours : ours / peer;
+    std::printf("   %s %.1f   ratio %.3fx", row.peer_name.c_str(), peer, ratio);
+  }
+  if (!row.ours_cpu.empty()) {
+    std::printf("   CPU %.3g", Median(row.ours_cpu));
+    if (!row.peer_cpu.empty()) std::printf(" vs %.3g", Median(row.peer_cpu));
+    std::printf(" %s", row.cpu_unit.c_str());
+  }
+  std::printf("\n");
+  std::fflush(stdout);
+}
+
+}  // namespace
+
+bool AppendRow(const std::string& path, const Row& row, bool echo) {
+  if (echo) Echo(row);
+  if (path.empty()) return true;
+  std::ofstream out(path, std::ios::app);
+  char goal[32];
+  std::snprintf(goal, sizeof(goal), "%g", row.goal);
+  out << row.id << '\t' << row.title << '\t' << row.unit << '\t' << row.ours_name << '\t'
+      << row.peer_name << '\t' << Join(row.ours) << '\t' << Join(row.peer) << '\t' << goal << '\t'
+      << (row.lower_better ? 1 : 0) << '\t' << row.note << '\t' << row.cpu_unit << '\t'
+      << Join(row.ours_cpu) << '\t' << Join(row.peer_cpu) << '\n';
+  return static_cast<bool>(out);
+}
+
+}  // namespace quire_bench

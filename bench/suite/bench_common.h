@@ -1,0 +1,74 @@
+// Pieces that the benchmark programs of bench/run share: timing, medians, the curl command as a
+// peer, resident-memory readings, and the result rows that bench_report turns into the report.
+#pragma once
+
+#include <chrono>
+#include <string>
+#include <vector>
+
+namespace quire_bench {
+
+using Clock = std::chrono::steady_clock;
+
+double SecondsSince(Clock::time_point start);
+double Median(std::vector<double> values);
+
+// What the curl command reported for one transfer: the whole time and the part spent before the
+// first body byte could go (name lookup, TCP and TLS set-up). A negative `total` means it failed.
+struct CurlTimes {
+  double total = -1;
+  double pretransfer = 0;
+  // User and system CPU time of the curl process.
+  double cpu = 0;
+  // The transfer alone, as a client on an open keep-alive connection would see it.
+  double transfer() const { return total - pretransfer; }
+};
+
+// Runs `curl -s -S --fail --http1.1` with `args` added, standard output to /dev/null unless the
+// arguments redirect it. Returns what -w reported.
+CurlTimes RunCurl(const std::vector<std::string>& args);
+
+// The version line of the curl command ("curl 7.88.1 ..."), or empty.
+std::string CurlCommandVersion();
+
+// User and system CPU time of this process so far, every thread included.
+double ProcessCpuSeconds();
+
+// Fields of /proc/self/status in KiB, or -1.
+long long StatusKiB(const char* field);
+// Sets the process's peak resident size back to its current size; false when the kernel does not
+// allow it.
+bool ResetPeakRss();
+
+// Fills `size` bytes at `out` with a fast pseudo-random sequence (incompressible, and touching
+// every page).
+void FillPseudoRandom(char* out, long long size, unsigned long long seed);
+// Writes `size` bytes to `path`; false on failure.
+bool WriteFile(const std::string& path, const char* data, long long size);
+
+// One line of results for the report: a measurement of ours beside its peer, in the same run.
+// `ours` and `peer` hold one figure per round in `unit` (higher is better unless `lower_better`).
+// Rows go to the file named by the --out option, one per line, tab-separated.
+struct Row {
+  std::string id;     // "upload.https.size.1024": kind.scheme.axis.x
+  std::string title;  // for the table
+  std::string unit;   // "MiB/s", "req/s", "ms", ...
+  std::string ours_name;
+  std::string peer_name;  // empty when the row has no peer
+  std::vector<double> ours;
+  std::vector<double> peer;
+  double goal =
+      0;  // the ratio ours/peer to reach (or, with lower_better, the most allowed); 0: none
+  bool lower_better = false;
+  std::string note;  // free text for the table
+  // The client's CPU time (user and system, every thread) per round, in `cpu_unit`; may be empty.
+  std::string cpu_unit;
+  std::vector<double> ours_cpu;
+  std::vector<double> peer_cpu;
+};
+
+// Appends `row` to `path` (creating it; an empty path writes nothing), and with `echo` prints a
+// one-line summary on standard output.
+bool AppendRow(const std::string& path, const Row& row, bool echo = true);
+
+}  // namespace quire_bench

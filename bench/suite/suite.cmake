@@ -1,0 +1,13 @@
+# The programs that bench/run drives: transfers against the emulator beside curl, and the report.
+find_package(CURL REQUIRED)
+add_library(quire_bench_common STATIC ${CMAKE_CURRENT_LIST_DIR}/bench_common.cpp)
+quire_warnings(quire_bench_common)
+target_include_directories(quire_bench_common PUBLIC ${PROJECT_SOURCE_DIR})
+
+add_executable(transfer_bench ${CMAKE_CURRENT_LIST_DIR}/transfer_bench.cpp)
+quire_warnings(transfer_bench)
+target_link_libraries(transfer_bench PRIVATE quire_bench_common quire kestrel CURL::libcurl)
+
+add_executable(bench_report ${CMAKE_CURRENT_LIST_DIR}/bench_report.cpp)
+quire_warnings(bench_report)
+target_link_libraries(bench_report PRIVATE quire_bench_common)
