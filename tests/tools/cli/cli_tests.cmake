@@ -1,0 +1,14 @@
+# Tests of the quire command: its parts on their own, the commands in-process over the scripted
+# transport, and the quire program end to end against the emulator.
+quire_add_test(quire_cli_test
+  SOURCES
+    ${CMAKE_CURRENT_LIST_DIR}/doc_list_formatter_test.cpp
+    ${CMAKE_CURRENT_LIST_DIR}/doc_resolver_test.cpp
+    ${CMAKE_CURRENT_LIST_DIR}/exit_codes_test.cpp
+    ${CMAKE_CURRENT_LIST_DIR}/failure_classifier_test.cpp
+    ${CMAKE_CURRENT_LIST_DIR}/mapped_file_test.cpp
+    ${CMAKE_CURRENT_LIST_DIR}/progress_bar_test.cpp
+    ${CMAKE_CURRENT_LIST_DIR}/progress_connection_test.cpp
+    ${CMAKE_CURRENT_LIST_DIR}/token_source_test.cpp
+    ${CMAKE_CURRENT_LIST_DIR}/upload_state_test.cpp
+  LIBS quire_cli_core quire_test_support)
