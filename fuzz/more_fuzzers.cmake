@@ -1,0 +1,2 @@
+quire_add_fuzzer(upload_headers_fuzz)
+quire_add_fuzzer(resumable_upload_fuzz)
