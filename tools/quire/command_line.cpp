@@ -155,7 +155,13 @@ void CommandLine::Build(CLI::App* app) {
       "Delete a document under the entity tag it has in the listing: refused (exit 6) if it "
       "changed since");
   rm->add_option("DOC", doc_, "The document: title, id or edit address")->required();
-  rm->add_flag("--force", force_, "Delete it whatever it holds now (no entity tag is sent)");
+  CLI::Option* force =
+      rm->add_flag("--force", force_, "Delete it whatever it holds now (no entity tag is sent)");
+  rm->add_option("--if-match", if_match_,
+                 "Delete it only if it still has this entity tag (as quire ls --json showed it) "
+                 "rather than the one it has in the listing now")
+      ->type_name("ETAG")
+      ->excludes(force);
 
   CLI::App* upload = app->add_subcommand(
       "upload",
@@ -366,7 +372,10 @@ void CommandLine::Remove() {
   Client client(token, transport_->classifier());
   const FeedSnapshot snapshot = client.List();
   const DocRecord doc = DocResolver(snapshot.documents).Resolve(Q(doc_));
-  client.Delete(doc, force_ ? QString() : doc.etag);
+  QString etag = doc.etag;
+  if (!if_match_.empty()) etag = Q(if_match_);
+  if (force_) etag.clear();
+  client.Delete(doc, etag);
   out() << "deleted " << Describe(doc) << '\n';
 }
 

@@ -92,6 +92,15 @@ FailureClassifier::Description FailureClassifier::DescribeGenericFailure(
     if (code >= status::kHttpErrorBase + 100 && code < status::kHttpErrorBase + 600) {
       return HttpFailure(static_cast<int>(code - status::kHttpErrorBase), action);
     }
+    // A 308 reaches the command as a failure only when the upload could not read how much the
+    // service holds (no Range, or one beyond the data).
+    if (code == status::FromHttp(308)) {
+      return Description{ExitCode::kUnreadableAnswer,
+                         "the service's answer (HTTP 308) did not say how many bytes of the upload "
+                         "it holds, or named more than were sent, while " +
+                             action,
+                         "check that --server names the document service"};
+    }
     if (code >= status::kHttpSuccessBase + 300 && code < status::kHttpSuccessBase + 400) {
       return HttpFailure(static_cast<int>(code - status::kHttpSuccessBase), action);
     }

@@ -42,7 +42,7 @@ QString TokenSource::Read(const QString& token_file, const QString& environment_
     origin = QString::fromLatin1(kEnvironmentVariable);
     if (token.isEmpty()) {
       throw CliFailure(ExitCode::kUsage,
-                       std::string("no token: set ") + kEnvironmentVariable +
+                       std::string("no token was given; set ") + kEnvironmentVariable +
                            " or give --token-file FILE (tokens are not taken on the command line)");
     }
   }

@@ -2,6 +2,7 @@
 # transport, and the quire program end to end against the emulator.
 quire_add_test(quire_cli_test
   SOURCES
+    ${CMAKE_CURRENT_LIST_DIR}/command_line_test.cpp
     ${CMAKE_CURRENT_LIST_DIR}/doc_list_formatter_test.cpp
     ${CMAKE_CURRENT_LIST_DIR}/doc_resolver_test.cpp
     ${CMAKE_CURRENT_LIST_DIR}/exit_codes_test.cpp
