@@ -1,2 +1,4 @@
 quire_add_fuzzer(upload_headers_fuzz)
 quire_add_fuzzer(resumable_upload_fuzz)
+quire_add_fuzzer(feed_parse_fuzz)
+quire_add_fuzzer(user_email_fuzz)

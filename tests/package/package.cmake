@@ -11,3 +11,6 @@ if(NOT QUIRE_SANITIZE)
       -P ${CMAKE_CURRENT_LIST_DIR}/check_package.cmake)
   set_tests_properties(package_consumer PROPERTIES TIMEOUT 600 RUN_SERIAL TRUE)
 endif()
+
+add_test(NAME exported_symbols
+  COMMAND ${CMAKE_CURRENT_LIST_DIR}/exported_symbols.sh $<TARGET_FILE:quire> $<TARGET_FILE:kestrel>)
