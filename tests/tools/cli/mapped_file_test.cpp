@@ -19,7 +19,10 @@ using quire_cli::MappedFile;
 
 QByteArray Pattern(int size) {
   QByteArray bytes(size, Qt::Uninitialized);
-  for (int i = 0; i < size; ++i) bytes[i] = static_cast<char>((i * 131 + i / 4096) & 0xff);
+  for (int i = 0; i < size; ++i) {
+    const unsigned int u = static_cast<unsigned int>(i);
+    bytes[i] = static_cast<char>((u * 131u + u / 4096u) & 0xffu);
+  }
   return bytes;
 }
 
