@@ -1,5 +1,6 @@
 #include "tools/quire/uploader.h"
 
+#include <QDateTime>
 #include <QFileInfo>
 #include <chrono>
 #include <memory>
