@@ -2,6 +2,9 @@
 
 #include "kestrel/base/main_loop.h"
 #include "kestrel/net/network_status.h"
+#ifdef KESTREL_HAVE_CURL_TRANSPORT
+#include "kestrel/net/curl_transport.h"
+#endif
 
 namespace kestrel {
 namespace net {
@@ -9,6 +12,7 @@ namespace {
 
 ITransport* g_installed = nullptr;
 
+#ifndef KESTREL_HAVE_CURL_TRANSPORT
 // Completes every request with kErrorNoTransport, later, from the main loop.
 class UnavailableTransport : public ITransport {
  public:
@@ -20,16 +24,23 @@ class UnavailableTransport : public ITransport {
     });
   }
 };
+#endif
 
 }  // namespace
 
 void TransportRegistry::SetDefault(ITransport* transport) { g_installed = transport; }
 
-ITransport* TransportRegistry::Default() { return g_installed != nullptr ? g_installed : BuiltIn(); }
+ITransport* TransportRegistry::Default() {
+  return g_installed != nullptr ? g_installed : BuiltIn();
+}
 
 ITransport* TransportRegistry::BuiltIn() {
+#ifdef KESTREL_HAVE_CURL_TRANSPORT
+  return CurlTransport::Default();
+#else
   static ITransport* const built_in = new UnavailableTransport();
   return built_in;
+#endif
 }
 
 }  // namespace net

@@ -1,4 +1,7 @@
 # The XML reader of the platform, over pugixml (Debian's libpugixml-dev).
 find_package(pugixml REQUIRED)
-target_sources(kestrel PRIVATE ${CMAKE_CURRENT_LIST_DIR}/xml_reader.cpp)
+target_sources(kestrel PRIVATE
+  ${CMAKE_CURRENT_LIST_DIR}/xml_reader.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/internal/xml_characters.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/internal/xml_string_cache.cpp)
 target_link_libraries(kestrel PRIVATE pugixml::pugixml)

@@ -1,10 +1,19 @@
 // Builds a tree of XmlNode from a byte buffer.
 //
-// The reader is strict and closed: a document that is not well-formed XML 1.0 (mismatched or
-// unclosed tags, content after the root element, characters XML does not allow, undefined entity
-// references, truncation) is reported through GetErrorsOccurred(). Document type declarations are
-// refused, so no entity is ever expanded from a DTD and nothing is ever fetched: the reader never
-// touches the network or the file system. Nesting deeper than kMaxDepth is an error, not a crash.
+// The reader is strict and closed. A document that is not well-formed XML 1.0 is reported through
+// GetErrorsOccurred(): mismatched or unclosed tags, truncation, content after the root element,
+// characters XML does not allow (control characters, broken UTF-8, surrogates, U+FFFE/U+FFFF),
+// references to entities other than the five predefined ones, malformed character references,
+// unquoted attribute values, '<' in attribute values, "]]>" in text, "--" in comments, a misplaced
+// or malformed XML declaration. Document type declarations are refused, so no entity is ever
+// expanded from a DTD and nothing is ever fetched: the reader never touches the network or the file
+// system. Nesting deeper than kMaxDepth is an error, not a crash; no part of the reader recurses.
+//
+// Deliberately lenient, because the documents we read rely on it: an attribute written twice on
+// one element is kept twice, in document order, and readers take the first.
+//
+// Names are kept exactly as written, prefix included; namespaces are not resolved. Whitespace-only
+// text is kept as text.
 #pragma once
 
 #include <QByteArray>
@@ -13,6 +22,7 @@
 
 #include "kestrel/base/kestrel_export.h"
 #include "kestrel/base/memory_manager.h"
+#include "kestrel/xml/xml_arena.h"
 #include "kestrel/xml/xml_node.h"
 
 namespace kestrel {
@@ -23,8 +33,8 @@ class KESTREL_EXPORT XmlReader {
  public:
   static constexpr int kMaxDepth = 1024;
 
-  // Parses `document` (UTF-8, or UTF-16/32 with a byte-order mark) at once. The bytes are only read
-  // during the constructor.
+  // Parses `document` (UTF-8, or UTF-16 with a byte-order mark; a UTF-8 byte-order mark is
+  // skipped) at once. The bytes are only read during the constructor.
   explicit XmlReader(const QByteArray& document);
   XmlReader(const char* data, std::size_t size);
   ~XmlReader();
@@ -33,19 +43,20 @@ class KESTREL_EXPORT XmlReader {
 
   // True when the document was not well-formed (or was refused); the tree is then empty.
   bool GetErrorsOccurred() const { return errors_occurred_; }
-  // The document element, or null when there is none (errors, or an empty document).
+  // The document element, or null when there is none (errors, or an empty document). The tree
+  // belongs to the reader and dies with it.
   XmlNode* GetRootNode() const { return root_; }
   // A short description of the first error, for diagnostics; empty when there was none.
   const QString& error_message() const { return error_message_; }
-  // The offset in the input at which the error was found, or -1.
+  // The byte offset in the document at which the error was found (in its UTF-8 form when it came
+  // as UTF-16), or -1 when it has no single place.
   long long error_offset() const { return error_offset_; }
 
  private:
-  class Arena;
   void Parse(const char* data, std::size_t size);
   void Fail(const char* message, long long offset);
 
-  Arena* arena_;
+  XmlArena arena_;
   XmlNode* root_ = nullptr;
   bool errors_occurred_ = false;
   QString error_message_;

@@ -1,0 +1,160 @@
+#include "atom_feed_generator.h"
+
+#include <cstdio>
+#include <string>
+
+#include "quire/model/link_relations.h"
+
+namespace xml_bench {
+namespace {
+
+using namespace kestrel::quire;  // NOLINT(build/namespaces): the relation constants
+
+const char* const kTitles[] = {
+    "Budget &amp; plan &lt;2024&gt;",
+    "Gr\xC3\xB6\xC3\x9F"
+    "e der Dateien \xE2\x84\x96",
+    "Minutes of the &quot;weekly&quot; meeting",
+    "\xE6\x97\xA5\xE6\x9C\xAC\xE8\xAA\x9E\xE3\x81\xAE\xE6\x96\x87\xE6\x9B\xB8",
+    "Caf&#xE9; menu &#8212; summer",
+    "Quarterly report",
+    "Notes \xF0\x9F\x93\x9D draft &apos;v2&apos;",
+    "Trip itinerary: Z&#252;rich &#x2192; Lyon",
+};
+const char* const kTypes[] = {"text/html", "application/pdf", "text/plain",
+                              "application/vnd.oasis.opendocument.text"};
+const char* const kAuthors[] = {"Ann Example", "Bj\xC3\xB6rn M\xC3\xBCller", "Chlo\xC3\xA9 Martin",
+                                "Dev Patel"};
+
+// A deterministic pseudo-random generator, so that every run parses the same bytes.
+unsigned long long Next(unsigned long long* state) {
+  *state ^= *state << 13;
+  *state ^= *state >> 7;
+  *state ^= *state << 17;
+  return *state;
+}
+
+std::string Token(unsigned long long* state, int length) {
+  static const char kAlphabet[] =
+      "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789-_";
+  std::string token;
+  for (int i = 0; i < length; ++i) token += kAlphabet[Next(state) % 64];
+  return token;
+}
+
+std::string Timestamp(unsigned long long* state) {
+  char text[40];
+  std::snprintf(text, sizeof text, "2024-%02d-%02dT%02d:%02d:%02d.%03dZ",
+                static_cast<int>(1 + Next(state) % 12), static_cast<int>(1 + Next(state) % 28),
+                static_cast<int>(Next(state) % 24), static_cast<int>(Next(state) % 60),
+                static_cast<int>(Next(state) % 60), static_cast<int>(Next(state) % 1000));
+  return text;
+}
+
+void AppendEntry(std::string* out, int index, unsigned long long* state) {
+  const std::string id = Token(state, 44);
+  const std::string full = "https://docs.quire.example/feeds/default/private/full/document%3A" + id;
+  const char* type = kTypes[index % 4];
+  std::string& s = *out;
+  if (index % 2 == 0) {
+    s += "  <entry qr:etag='\"" + Token(state, 20) + ".\"'>\n";
+  } else {
+    s += "  <entry qr:etag=\"W/&quot;" + Token(state, 20) + ".&quot;\">\n";
+  }
+  s += "    <id>https://docs.quire.example/feeds/id/document%3A" + id + "</id>\n";
+  s += "    <published>" + Timestamp(state) + "</published>\n";
+  s += "    <updated>" + Timestamp(state) + "</updated>\n";
+  s += "    <category scheme='";
+  s += SchemaNamespace;
+  s += "/g/2005#kind' term='";
+  s += SchemaNamespace;
+  s += "/docs/2007#document' label='document'/>\n";
+  if (index % 3 == 0) {
+    s += "    <category scheme='";
+    s += kLabelsScheme;
+    s += "' term='";
+    s += kStarredLabelTerm;
+    s += "' label='starred'/>\n";
+  }
+  s += "    <category scheme='";
+  s += kLabelsScheme;
+  s += "' term='";
+  s += kLabelsScheme;
+  s += "#viewed' label='viewed'/>\n";
+  s += "    <title>";
+  s += kTitles[index % 8];
+  s += " #" + std::to_string(index) + "</title>\n";
+  s += "    <content type='";
+  s += type;
+  s += "' src='https://docs.quire.example/feeds/download/documents/export?id=" + id +
+       "&amp;format=html'/>\n";
+  s += "    <link rel='alternate' type='text/html' href='https://docs.quire.example/document/d/" +
+       id + "/edit'/>\n";
+  s += "    <link rel='self' type='application/atom+xml' href='" + full + "'/>\n";
+  s += "    <link rel='edit' type='application/atom+xml' href='" + full + "/" + Token(state, 8) +
+       "'/>\n";
+  s += "    <link rel='edit-media' type='";
+  s += type;
+  s += "' href='https://docs.quire.example/feeds/default/media/document%3A" + id + "'/>\n";
+  s += "    <link rel='";
+  s += kResumableEditMediaRel;
+  s += "' type='application/atom+xml' "
+       "href='https://docs.quire.example/feeds/upload/create-session/default/private/full/"
+       "document%3A" +
+       id + "'/>\n";
+  s += "    <author>\n      <name>";
+  s += kAuthors[index % 4];
+  s += "</name>\n      <email>user" + std::to_string(index % 97) +
+       "@mail.example</email>\n    </author>\n";
+  s += "    <qr:feedLink rel='";
+  s += kAclFeedRel;
+  s += "' href='" + full + "/acl'/>\n";
+  s += "    <qr:feedLink rel='";
+  s += kRevisionsFeedRel;
+  s += "' href='" + full + "/revisions'/>\n";
+  if (index % 7 == 0) s += "    <docs:removed/>\n";
+  s += "  </entry>\n";
+}
+
+}  // namespace
+
+QByteArray GenerateAtomFeed(int entries) {
+  unsigned long long state = 0x9E3779B97F4A7C15ULL;
+  std::string s;
+  s.reserve(static_cast<std::size_t>(entries) * 2600 + 2048);
+  s += "<?xml version='1.0' encoding='UTF-8'?>\n";
+  s += "<feed xmlns='http://www.w3.org/2005/Atom' "
+       "xmlns:openSearch='http://a9.com/-/spec/opensearch/1.1/' xmlns:docs='";
+  s += SchemaNamespace;
+  s += "/docs/2007' xmlns:qr='";
+  s += SchemaNamespace;
+  s += "/g/2005' qr:etag='W/\"" + Token(&state, 20) + ".\"'>\n";
+  s += "  <id>https://docs.quire.example/feeds/default/private/full</id>\n";
+  s += "  <updated>" + Timestamp(&state) + "</updated>\n";
+  s += "  <title>Available Documents - user@mail.example</title>\n";
+  const std::string base = "https://docs.quire.example/feeds/default/private/full";
+  s += "  <link rel='alternate' type='text/html' href='https://docs.quire.example/'/>\n";
+  s += "  <link rel='";
+  s += kFeedRel;
+  s += "' type='application/atom+xml' href='" + base + "'/>\n";
+  s += "  <link rel='";
+  s += kPostRel;
+  s += "' type='application/atom+xml' href='" + base + "'/>\n";
+  s += "  <link rel='";
+  s += kBatchRel;
+  s += "' type='application/atom+xml' href='" + base + "/batch'/>\n";
+  s += "  <link rel='";
+  s += kResumableCreateMediaRel;
+  s += "' type='application/atom+xml' "
+       "href='https://docs.quire.example/feeds/upload/create-session/default/private/full'/>\n";
+  s += "  <link rel='self' type='application/atom+xml' href='" + base + "'/>\n";
+  s += "  <author>\n    <name>user</name>\n    <email>user@mail.example</email>\n  </author>\n";
+  s += "  <openSearch:totalResults>" + std::to_string(entries) + "</openSearch:totalResults>\n";
+  s += "  <openSearch:startIndex>1</openSearch:startIndex>\n";
+  s += "  <openSearch:itemsPerPage>" + std::to_string(entries) + "</openSearch:itemsPerPage>\n";
+  for (int i = 0; i < entries; ++i) AppendEntry(&s, i, &state);
+  s += "</feed>\n";
+  return QByteArray(s.data(), static_cast<int>(s.size()));
+}
+
+}  // namespace xml_bench

@@ -1,0 +1,770 @@
+#include "kestrel/net/curl_transport.h"
+
+#include <curl/curl.h>
+#include <pthread.h>
+
+#include <QByteArray>
+#include <QFile>
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cmath>
+#include <cstdint>
+#include <cstring>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "kestrel/base/main_loop.h"
+#include "kestrel/net/byte_buffer.h"
+#include "kestrel/net/http_request.h"
+#include "kestrel/net/network_status.h"
+
+namespace kestrel {
+namespace net {
+namespace {
+
+// libcurl's receive buffer: large reads mean few calls into the body writer on big downloads.
+constexpr long kReceiveBufferBytes = 512 * 1024;
+// libcurl's upload buffer (its maximum is 2 MiB).
+constexpr long kUploadBufferBytes = 1024 * 1024;
+// A Content-Length up to this is reserved in one piece before the first body byte; beyond it the
+// buffer grows as bytes arrive, so a server cannot make us reserve what it never sends.
+constexpr curl_off_t kMaxReservedBodyBytes = curl_off_t{2} * 1024 * 1024 * 1024;
+// Hosts whose idle connections the connection cache makes room for.
+constexpr std::size_t kMaxHostsCounted = 16;
+// Easy handles kept for reuse by later requests.
+constexpr std::size_t kMaxPooledHandles = 16;
+// The longest the I/O thread sleeps in one poll; wake-ups and libcurl's own timers cut it short.
+constexpr int kPollMilliseconds = 1000;
+// How long the I/O thread stays awake after activity before it sleeps. Within it, the next request
+// of a chained operation (issued from a completion handler) or the answer of a nearby server
+// usually arrives, and each such request is spared waking a sleeping thread.
+constexpr std::chrono::microseconds kSpin(50);
+
+void InitLibcurlOnce() {
+  static std::once_flag once;
+  std::call_once(once, [] { curl_global_init(CURL_GLOBAL_DEFAULT); });
+}
+
+bool ReadWholeFile(const QString& path, std::string* out) {
+  QFile file(path);
+  if (!file.open(QIODevice::ReadOnly)) return false;
+  const QByteArray bytes = file.readAll();
+  out->assign(bytes.constData(), static_cast<std::size_t>(bytes.size()));
+  return true;
+}
+
+// The parts of a CurlTransportConfig in the form libcurl takes them. Immutable once built; every
+// transfer keeps the one it started with.
+struct Settings {
+  Settings() = default;
+  Settings(const Settings&) = delete;
+  Settings& operator=(const Settings&) = delete;
+  ~Settings() { curl_slist_free_all(connect_to); }
+
+  curl_slist* connect_to = nullptr;  // "host::address:port" lines
+  std::string extra_ca_pem;          // empty: libcurl's default authorities only
+  std::string user_agent;
+  bool insecure = false;
+};
+
+// One request on its way through the transport. Built by Start() on the main thread, then owned by
+// the I/O thread until the completion is posted.
+struct Transfer {
+  KESTREL_MANAGED_ALLOCATION
+
+ public:
+  NetworkRequest* request = nullptr;
+  HttpRequest* http = nullptr;
+  std::shared_ptr<const Settings> settings;
+  ConnectionOptions options;
+  QString host;
+  int port = 0;
+  CURLU* url = nullptr;
+  curl_slist* headers = nullptr;
+  HttpRequest::MethodType method = HttpRequest::kGet;
+  bool send_user_agent = false;
+  bool keep_headers = false;
+  const char* body = nullptr;
+  std::size_t body_size = 0;
+  std::size_t body_offset = 0;
+
+  // I/O thread only.
+  CURL* easy = nullptr;
+  bool in_multi = false;
+  Transfer* prev = nullptr;
+  Transfer* next = nullptr;
+  // The response whose header block is arriving (a 1xx interim response is replaced by the next).
+  int response_code = 0;
+  curl_off_t content_length = -1;
+  std::vector<QString, MMAlloc<QString>> lines;
+  ByteBuffer* buffer = nullptr;
+};
+
+void FreeTransfer(Transfer* transfer) {
+  curl_slist_free_all(transfer->headers);
+  curl_url_cleanup(transfer->url);
+  doDelete(transfer);
+}
+
+// Hands a finished request to the main loop, which reports it and drops the transport's reference.
+void PostCompletion(NetworkRequest* request) {
+  MainLoop::Default()->Post([request] {
+    request->Complete();
+    NetworkRequest::ReleaseRef(request);
+  });
+}
+
+bool IsSpace(char c) { return c == ' ' || c == '\t'; }
+
+// Whether `name` (not NUL-terminated, `length` bytes) is `lower` ignoring ASCII case.
+bool NameIs(const char* name, std::size_t length, const char* lower) {
+  if (std::strlen(lower) != length) return false;
+  for (std::size_t i = 0; i < length; ++i) {
+    char c = name[i];
+    if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
+    if (c != lower[i]) return false;
+  }
+  return true;
+}
+
+// Header names the transport fills in itself unless the caller sends them.
+struct CallerHeaders {
+  bool accept = false;
+  bool expect = false;
+  bool content_type = false;
+  bool connection = false;
+};
+
+// Appends the caller's line to `list`. Returns false for a line that must not be sent: CR, LF or
+// NUL anywhere, no name before a colon, or a leading blank (which would continue the previous
+// line).
+bool AppendCallerLine(const RequestHeader& header, curl_slist** list, CallerHeaders* seen) {
+  if (header.type != 0) return false;
+  QByteArray line = header.value.isNull()
+                        ? header.name.toUtf8()
+                        : (header.name + QLatin1String(": ") + header.value).toUtf8();
+  const char* data = line.constData();
+  const std::size_t size = static_cast<std::size_t>(line.size());
+  if (size == 0 || IsSpace(data[0])) return false;
+  for (std::size_t i = 0; i < size; ++i) {
+    if (data[i] == '\r' || data[i] == '\n' || data[i] == '\0') return false;
+  }
+  const char* colon = static_cast<const char*>(std::memchr(data, ':', size));
+  if (colon == nullptr || colon == data) return false;
+  std::size_t name_length = static_cast<std::size_t>(colon - data);
+  while (name_length > 0 && IsSpace(data[name_length - 1])) --name_length;
+  if (name_length == 0) return false;
+  seen->accept |= NameIs(data, name_length, "accept");
+  seen->expect |= NameIs(data, name_length, "expect");
+  seen->content_type |= NameIs(data, name_length, "content-type");
+  seen->connection |= NameIs(data, name_length, "connection");
+
+  const char* value = colon + 1;
+  while (value < data + size && IsSpace(*value)) ++value;
+  if (value == data + size) {
+    // libcurl takes "Name:" with nothing after it as "do not send Name"; "Name;" is its spelling
+    // for a line with an empty value.
+    line.truncate(static_cast<int>(name_length));
+    line.append(';');
+  }
+  curl_slist* grown = curl_slist_append(*list, line.constData());
+  if (grown == nullptr) return false;
+  *list = grown;
+  return true;
+}
+
+bool AppendLine(const char* line, curl_slist** list) {
+  curl_slist* grown = curl_slist_append(*list, line);
+  if (grown == nullptr) return false;
+  *list = grown;
+  return true;
+}
+
+std::uint32_t StatusForError(CURLcode code) {
+  switch (code) {
+    case CURLE_COULDNT_RESOLVE_HOST:
+    case CURLE_COULDNT_RESOLVE_PROXY:
+      return status::kErrorNameNotResolved;
+    case CURLE_COULDNT_CONNECT:
+      return status::kErrorConnectionRefused;
+    case CURLE_OPERATION_TIMEDOUT:
+      return status::kErrorTimedOut;
+    case CURLE_SSL_CONNECT_ERROR:
+    case CURLE_PEER_FAILED_VERIFICATION:
+    case CURLE_SSL_CERTPROBLEM:
+    case CURLE_SSL_CIPHER:
+    case CURLE_SSL_CACERT_BADFILE:
+    case CURLE_SSL_ISSUER_ERROR:
+    case CURLE_SSL_PINNEDPUBKEYNOTMATCH:
+    case CURLE_SSL_INVALIDCERTSTATUS:
+    case CURLE_SSL_CRL_BADFILE:
+    case CURLE_SSL_SHUTDOWN_FAILED:
+    case CURLE_SSL_ENGINE_NOTFOUND:
+    case CURLE_SSL_ENGINE_SETFAILED:
+    case CURLE_SSL_ENGINE_INITFAILED:
+    case CURLE_USE_SSL_FAILED:
+      return status::kErrorTls;
+    case CURLE_RECV_ERROR:
+      return status::kErrorConnectionReset;
+    case CURLE_SEND_ERROR:
+      return status::kErrorSendFailed;
+    case CURLE_PARTIAL_FILE:
+    case CURLE_GOT_NOTHING:
+      return status::kErrorResponseTruncated;
+    case CURLE_URL_MALFORMAT:
+    case CURLE_UNSUPPORTED_PROTOCOL:
+      return status::kErrorInvalidRequest;
+    default:
+      return status::kErrorUnknown;
+  }
+}
+
+// --- libcurl callbacks (I/O thread).
+
+size_t OnHeaderLine(char* data, size_t size, size_t count, void* user) {
+  auto* transfer = static_cast<Transfer*>(user);
+  const size_t total = size * count;
+  size_t length = total;
+  while (length > 0 && (data[length - 1] == '\n' || data[length - 1] == '\r')) --length;
+  if (length == 0) return total;  // the blank line that ends a header block
+
+  if (length >= 5 && std::memcmp(data, "HTTP/", 5) == 0) {
+    // A status line starts a new response; what an interim (1xx) response said is dropped.
+    const char* code = static_cast<const char*>(std::memchr(data, ' ', length));
+    int number = 0;
+    if (code != nullptr) {
+      for (++code; code < data + length && *code >= '0' && *code <= '9'; ++code) {
+        number = number * 10 + (*code - '0');
+      }
+    }
+    transfer->response_code = number;
+    transfer->content_length = -1;
+    transfer->lines.clear();
+    return total;
+  }
+
+  if (IsSpace(data[0])) {
+    // An obsolete continuation line: joins the previous line's value with one blank.
+    size_t start = 0;
+    while (start < length && IsSpace(data[start])) ++start;
+    if (transfer->keep_headers && !transfer->lines.empty() && start < length) {
+      QString& previous = transfer->lines.back();
+      previous.append(QLatin1Char(' '));
+      previous.append(QLatin1String(data + start, static_cast<int>(length - start)));
+    }
+    return total;
+  }
+
+  const char* colon = static_cast<const char*>(std::memchr(data, ':', length));
+  if (colon == nullptr) {
+    if (transfer->keep_headers) {
+      transfer->lines.push_back(QString::fromLatin1(data, static_cast<int>(length)));
+    }
+    return total;
+  }
+  size_t name_length = static_cast<size_t>(colon - data);
+  while (name_length > 0 && IsSpace(data[name_length - 1])) --name_length;
+  const char* value = colon + 1;
+  const char* end = data + length;
+  while (value < end && IsSpace(*value)) ++value;
+  while (end > value && IsSpace(end[-1])) --end;
+  const size_t value_length = static_cast<size_t>(end - value);
+
+  if (NameIs(data, name_length, "content-length")) {
+    curl_off_t parsed = 0;
+    bool ok = value_length > 0 && value_length <= 18;
+    for (const char* p = value; ok && p < end; ++p) {
+      if (*p < '0' || *p > '9') ok = false;
+      parsed = parsed * 10 + (*p - '0');
+    }
+    transfer->content_length = ok ? parsed : -1;
+  }
+  if (transfer->keep_headers) {
+    // Header bytes are taken as Latin-1, which keeps every byte the server sent.
+    QString line;
+    line.reserve(static_cast<int>(name_length + 2 + value_length));
+    line.append(QLatin1String(data, static_cast<int>(name_length)));
+    line.append(QLatin1String(": "));
+    line.append(QLatin1String(value, static_cast<int>(value_length)));
+    transfer->lines.push_back(std::move(line));
+  }
+  return total;
+}
+
+size_t OnBodyBytes(char* data, size_t size, size_t count, void* user) {
+  auto* transfer = static_cast<Transfer*>(user);
+  const size_t total = size * count;
+  if (transfer->buffer == nullptr) {
+    transfer->buffer = transfer->http->MutableResponseBuffer();
+    if (transfer->content_length > 0) {
+      transfer->buffer->Reserve(
+          static_cast<std::size_t>(std::min(transfer->content_length, kMaxReservedBodyBytes)));
+    }
+  }
+  transfer->buffer->Append(data, total);
+  return total;
+}
+
+size_t OnUploadBytes(char* out, size_t size, size_t count, void* user) {
+  auto* transfer = static_cast<Transfer*>(user);
+  const size_t room = size * count;
+  const size_t left = transfer->body_size - transfer->body_offset;
+  const size_t n = std::min(room, left);
+  if (n > 0) std::memcpy(out, transfer->body + transfer->body_offset, n);
+  transfer->body_offset += n;
+  return n;
+}
+
+// libcurl rewinds the body when it sends the request again on a fresh connection.
+int OnUploadSeek(void* user, curl_off_t offset, int origin) {
+  auto* transfer = static_cast<Transfer*>(user);
+  if (origin != SEEK_SET || offset < 0 || static_cast<std::size_t>(offset) > transfer->body_size) {
+    return CURL_SEEKFUNC_CANTSEEK;
+  }
+  transfer->body_offset = static_cast<std::size_t>(offset);
+  return CURL_SEEKFUNC_OK;
+}
+
+}  // namespace
+
+struct CurlTransport::Impl {
+  // --- Shared between the main thread and the I/O thread (under `mutex`).
+  std::mutex mutex;
+  std::vector<Transfer*> queue;
+  bool stopping = false;
+  std::atomic<bool> queued{false};    // `queue` may be non-empty
+  std::atomic<bool> sleeping{false};  // the I/O thread is (about to be) blocked in curl_multi_poll
+  std::atomic<std::size_t> in_flight{0};
+
+  // --- Main thread.
+  std::shared_ptr<const Settings> settings = std::make_shared<Settings>();
+  std::thread thread;
+  bool started = false;
+
+  // --- Set up before the I/O thread starts; then used by it alone (curl_multi_wakeup excepted).
+  CURLM* multi = nullptr;
+  CURLSH* share = nullptr;
+
+  // --- I/O thread.
+  Transfer* active = nullptr;  // transfers added to `multi`, linked through prev/next
+  std::size_t active_count = 0;
+  std::vector<CURL*> idle_handles;
+  std::vector<std::pair<QString, int>> hosts_seen;
+  int idle_per_host = -1;
+  long max_host_connections = -1;
+  long max_connects = -1;
+
+  void EnsureStarted();
+  void Enqueue(Transfer* transfer);
+  void Stop();
+
+  void Run();
+  void Add(Transfer* transfer);
+  void SetUpHandle(Transfer* transfer, CURL* easy);
+  void UpdateConnectionCache();
+  // Waits a little, awake, for socket activity or a new request; true when one came. A request
+  // issued from a completion handler is then picked up without waking a sleeping thread.
+  bool Spin();
+  // Finishes the transfers libcurl reports done; true when there was one.
+  bool Reap();
+  void Finish(Transfer* transfer, std::uint32_t code);
+};
+
+void CurlTransport::Impl::EnsureStarted() {
+  if (started) return;
+  started = true;
+  multi = curl_multi_init();
+  share = curl_share_init();
+  // Everything runs on the I/O thread, so the share needs no lock callbacks.
+  curl_share_setopt(share, CURLSHOPT_SHARE, CURL_LOCK_DATA_DNS);
+  curl_share_setopt(share, CURLSHOPT_SHARE, CURL_LOCK_DATA_SSL_SESSION);
+  thread = std::thread([this] {
+    pthread_setname_np(pthread_self(), "kestrel-net");
+    Run();
+  });
+}
+
+void CurlTransport::Impl::Enqueue(Transfer* transfer) {
+  EnsureStarted();
+  in_flight.fetch_add(1, std::memory_order_relaxed);
+  {
+    std::lock_guard<std::mutex> lock(mutex);
+    queue.push_back(transfer);
+    queued.store(true, std::memory_order_release);
+  }
+  // Only a sleeping I/O thread needs the wake-up; a spinning one sees `queued`. The I/O thread sets
+  // `sleeping` before it looks at the queue a last time, so one of the two sees the other.
+  if (sleeping.load(std::memory_order_seq_cst)) curl_multi_wakeup(multi);
+}
+
+void CurlTransport::Impl::Stop() {
+  if (!started) return;
+  {
+    std::lock_guard<std::mutex> lock(mutex);
+    stopping = true;
+    queued.store(true, std::memory_order_release);
+    // Under the lock: the I/O thread cannot see `stopping`, and close the wake-up socket, before
+    // this call is done with it.
+    curl_multi_wakeup(multi);
+  }
+  thread.join();
+}
+
+void CurlTransport::Impl::Run() {
+  std::vector<Transfer*> incoming;
+  for (;;) {
+    bool stop;
+    {
+      std::lock_guard<std::mutex> lock(mutex);
+      incoming.swap(queue);
+      queued.store(false, std::memory_order_relaxed);
+      stop = stopping;
+    }
+    if (stop) {
+      for (Transfer* transfer : incoming) Finish(transfer, status::kErrorUnknown);
+      break;
+    }
+    const bool added = !incoming.empty();
+    for (Transfer* transfer : incoming) Add(transfer);
+    incoming.clear();
+    UpdateConnectionCache();
+    int running = 0;
+    curl_multi_perform(multi, &running);
+    const bool finished = Reap();
+    if ((added || finished || running > 0) && Spin()) continue;
+    sleeping.store(true, std::memory_order_seq_cst);
+    bool empty;
+    {
+      std::lock_guard<std::mutex> lock(mutex);
+      empty = queue.empty() && !stopping;
+    }
+    if (empty) curl_multi_poll(multi, nullptr, 0, kPollMilliseconds, nullptr);
+    sleeping.store(false, std::memory_order_relaxed);
+  }
+  // Stopping: whatever is still on its way fails, keeping what had arrived.
+  while (active != nullptr) Finish(active, status::kErrorUnknown);
+  for (CURL* easy : idle_handles) curl_easy_cleanup(easy);
+  idle_handles.clear();
+  curl_multi_cleanup(multi);
+  curl_share_cleanup(share);
+}
+
+void CurlTransport::Impl::Add(Transfer* transfer) {
+  CURL* easy = nullptr;
+  if (!idle_handles.empty()) {
+    easy = idle_handles.back();
+    idle_handles.pop_back();
+  } else {
+    easy = curl_easy_init();
+  }
+  transfer->prev = nullptr;
+  transfer->next = active;
+  if (active != nullptr) active->prev = transfer;
+  active = transfer;
+  ++active_count;
+  if (easy == nullptr) {
+    Finish(transfer, status::kErrorUnknown);
+    return;
+  }
+  transfer->easy = easy;
+  SetUpHandle(transfer, easy);
+
+  const ConnectionOptions& options = transfer->options;
+  if (options.max_connections_per_host != max_host_connections) {
+    max_host_connections = options.max_connections_per_host;
+    curl_multi_setopt(multi, CURLMOPT_MAX_HOST_CONNECTIONS,
+                      std::max(0L, static_cast<long>(max_host_connections)));
+  }
+  idle_per_host = options.max_idle_connections_per_host;
+  const auto host = std::make_pair(transfer->host, transfer->port);
+  if (hosts_seen.size() < kMaxHostsCounted &&
+      std::find(hosts_seen.begin(), hosts_seen.end(), host) == hosts_seen.end()) {
+    hosts_seen.push_back(host);
+  }
+
+  if (curl_multi_add_handle(multi, easy) != CURLM_OK) {
+    Finish(transfer, status::kErrorUnknown);
+    return;
+  }
+  transfer->in_multi = true;
+}
+
+void CurlTransport::Impl::SetUpHandle(Transfer* transfer, CURL* easy) {
+  const Settings& settings = *transfer->settings;
+  const ConnectionOptions& options = transfer->options;
+  curl_easy_setopt(easy, CURLOPT_PRIVATE, transfer);
+  curl_easy_setopt(easy, CURLOPT_SHARE, share);
+  curl_easy_setopt(easy, CURLOPT_CURLU, transfer->url);
+  curl_easy_setopt(easy, CURLOPT_PROTOCOLS_STR, "http,https");
+  curl_easy_setopt(easy, CURLOPT_REDIR_PROTOCOLS_STR, "http,https");
+  curl_easy_setopt(easy, CURLOPT_FOLLOWLOCATION, 0L);
+  curl_easy_setopt(easy, CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_1_1));
+  curl_easy_setopt(easy, CURLOPT_NOSIGNAL, 1L);
+  // An empty proxy turns off the proxy variables of the environment.
+  curl_easy_setopt(easy, CURLOPT_PROXY, "");
+  curl_easy_setopt(easy, CURLOPT_BUFFERSIZE, kReceiveBufferBytes);
+  curl_easy_setopt(easy, CURLOPT_HTTPHEADER, transfer->headers);
+  if (transfer->send_user_agent && !settings.user_agent.empty()) {
+    curl_easy_setopt(easy, CURLOPT_USERAGENT, settings.user_agent.c_str());
+  }
+  curl_easy_setopt(easy, CURLOPT_HEADERFUNCTION, &OnHeaderLine);
+  curl_easy_setopt(easy, CURLOPT_HEADERDATA, transfer);
+  curl_easy_setopt(easy, CURLOPT_WRITEFUNCTION, &OnBodyBytes);
+  curl_easy_setopt(easy, CURLOPT_WRITEDATA, transfer);
+
+  // TLS.
+  const long verify = settings.insecure ? 0L : 1L;
+  curl_easy_setopt(easy, CURLOPT_SSL_VERIFYPEER, verify);
+  curl_easy_setopt(easy, CURLOPT_SSL_VERIFYHOST, settings.insecure ? 0L : 2L);
+  if (!settings.extra_ca_pem.empty()) {
+    curl_blob blob;
+    blob.data = const_cast<char*>(settings.extra_ca_pem.data());
+    blob.len = settings.extra_ca_pem.size();
+    blob.flags = CURL_BLOB_COPY;
+    curl_easy_setopt(easy, CURLOPT_CAINFO_BLOB, &blob);
+  }
+  if (settings.connect_to != nullptr)
+    curl_easy_setopt(easy, CURLOPT_CONNECT_TO, settings.connect_to);
+
+  // Connection options.
+  if (!options.keep_alive || options.max_idle_connections_per_host <= 0) {
+    curl_easy_setopt(easy, CURLOPT_FORBID_REUSE, 1L);
+  }
+  if (options.idle_connection_seconds > 0) {
+    curl_easy_setopt(easy, CURLOPT_MAXAGE_CONN, static_cast<long>(options.idle_connection_seconds));
+  }
+  if (options.stall_timeout_seconds > 0) {
+    const double ms = std::ceil(options.stall_timeout_seconds * 1000.0);
+    curl_easy_setopt(easy, CURLOPT_CONNECTTIMEOUT_MS,
+                     ms > 2e9 ? 2000000000L : static_cast<long>(ms));
+    const double seconds = std::max(1.0, std::round(options.stall_timeout_seconds));
+    curl_easy_setopt(easy, CURLOPT_LOW_SPEED_LIMIT, 1L);
+    curl_easy_setopt(easy, CURLOPT_LOW_SPEED_TIME,
+                     seconds > 2e9 ? 2000000000L : static_cast<long>(seconds));
+  }
+
+  // Method and body. The body is read straight out of the request's QByteArray, which the request
+  // keeps alive until it is released after completion.
+  switch (transfer->method) {
+    case HttpRequest::kPost:
+      curl_easy_setopt(easy, CURLOPT_POST, 1L);
+      curl_easy_setopt(easy, CURLOPT_POSTFIELDSIZE_LARGE,
+                       static_cast<curl_off_t>(transfer->body_size));
+      curl_easy_setopt(easy, CURLOPT_POSTFIELDS, transfer->body);
+      break;
+    case HttpRequest::kPut:
+      curl_easy_setopt(easy, CURLOPT_UPLOAD, 1L);
+      curl_easy_setopt(easy, CURLOPT_INFILESIZE_LARGE,
+                       static_cast<curl_off_t>(transfer->body_size));
+      curl_easy_setopt(easy, CURLOPT_READFUNCTION, &OnUploadBytes);
+      curl_easy_setopt(easy, CURLOPT_READDATA, transfer);
+      curl_easy_setopt(easy, CURLOPT_SEEKFUNCTION, &OnUploadSeek);
+      curl_easy_setopt(easy, CURLOPT_SEEKDATA, transfer);
+      curl_easy_setopt(easy, CURLOPT_UPLOAD_BUFFERSIZE, kUploadBufferBytes);
+      break;
+    case HttpRequest::kDelete:
+      curl_easy_setopt(easy, CURLOPT_HTTPGET, 1L);
+      curl_easy_setopt(easy, CURLOPT_CUSTOMREQUEST, "DELETE");
+      break;
+    case HttpRequest::kGet:
+    default:
+      curl_easy_setopt(easy, CURLOPT_HTTPGET, 1L);
+      break;
+  }
+}
+
+// libcurl's cache limit counts every connection, busy or idle. Allowing the busy ones plus the idle
+// allowance per host keeps `max_idle_connections_per_host` idle ones without closing connections
+// that queued requests are about to reuse.
+void CurlTransport::Impl::UpdateConnectionCache() {
+  const long idle = std::max(0, idle_per_host) * static_cast<long>(hosts_seen.size());
+  const long wanted = std::max(1L, static_cast<long>(active_count) + idle);
+  if (wanted == max_connects) return;
+  max_connects = wanted;
+  curl_multi_setopt(multi, CURLMOPT_MAXCONNECTS, wanted);
+}
+
+bool CurlTransport::Impl::Spin() {
+  const auto deadline = std::chrono::steady_clock::now() + kSpin;
+  do {
+    int ready = 0;
+    curl_multi_poll(multi, nullptr, 0, 0, &ready);
+    if (ready > 0 || queued.load(std::memory_order_acquire)) return true;
+    std::this_thread::yield();
+  } while (std::chrono::steady_clock::now() < deadline);
+  return false;
+}
+
+bool CurlTransport::Impl::Reap() {
+  bool finished = false;
+  int left = 0;
+  while (CURLMsg* message = curl_multi_info_read(multi, &left)) {
+    if (message->msg != CURLMSG_DONE) continue;
+    Transfer* transfer = nullptr;
+    curl_easy_getinfo(message->easy_handle, CURLINFO_PRIVATE, reinterpret_cast<char**>(&transfer));
+    const CURLcode result = message->data.result;
+    std::uint32_t code = StatusForError(result);
+    if (result == CURLE_OK) {
+      long http_code = 0;
+      curl_easy_getinfo(transfer->easy, CURLINFO_RESPONSE_CODE, &http_code);
+      code =
+          http_code >= 100 ? status::FromHttp(static_cast<int>(http_code)) : status::kErrorUnknown;
+    }
+    Finish(transfer, code);
+    finished = true;
+  }
+  return finished;
+}
+
+void CurlTransport::Impl::Finish(Transfer* transfer, std::uint32_t code) {
+  CURL* easy = transfer->easy;
+  if (easy != nullptr && transfer->in_multi) curl_multi_remove_handle(multi, easy);
+  if (transfer->prev != nullptr || transfer->next != nullptr || active == transfer) {
+    if (transfer->prev != nullptr) transfer->prev->next = transfer->next;
+    if (transfer->next != nullptr) transfer->next->prev = transfer->prev;
+    if (active == transfer) active = transfer->next;
+    --active_count;
+  }
+
+  HttpRequest* http = transfer->http;
+  http->SetResponseStatus(code);
+  for (QString& line : transfer->lines) http->AddResponseHeader(line);
+  // From here on the request belongs to the main loop; the handle is recycled meanwhile.
+  PostCompletion(transfer->request);
+  if (easy != nullptr) {
+    if (idle_handles.size() < kMaxPooledHandles) {
+      curl_easy_reset(easy);
+      idle_handles.push_back(easy);
+    } else {
+      curl_easy_cleanup(easy);
+    }
+  }
+  FreeTransfer(transfer);
+  // Released last, so that whoever sees the count drop finds the completion queued and the
+  // transfer's memory given back.
+  in_flight.fetch_sub(1, std::memory_order_release);
+}
+
+CurlTransport::CurlTransport() : impl_(doNew<Impl>()) {
+  InitLibcurlOnce();
+  Configure(CurlTransportConfig());
+}
+
+CurlTransport::~CurlTransport() {
+  impl_->Stop();
+  doDelete(impl_);
+}
+
+CurlTransport* CurlTransport::Default() {
+  static CurlTransport* const transport = new CurlTransport();
+  return transport;
+}
+
+bool CurlTransport::Configure(const CurlTransportConfig& config) {
+  auto settings = std::make_shared<Settings>();
+  for (const CurlTransportConfig::HostMapping& mapping : config.host_mappings) {
+    if (mapping.host.isEmpty() || mapping.address.isEmpty() || mapping.port < 1 ||
+        mapping.port > 65535) {
+      return false;
+    }
+    const bool ipv6 = mapping.address.contains(QLatin1Char(':'));
+    const QString entry =
+        mapping.host + QLatin1String("::") +
+        (ipv6 ? QLatin1Char('[') + mapping.address + QLatin1Char(']') : mapping.address) +
+        QLatin1Char(':') + QString::number(mapping.port);
+    if (!AppendLine(entry.toUtf8().constData(), &settings->connect_to)) return false;
+  }
+  if (!config.extra_ca_certificate_files.empty()) {
+    // libcurl then takes the authorities from memory instead of its default bundle file, but keeps
+    // looking into its default folder of hashed certificates. Without such a folder the bundle is
+    // read here, so that the system's authorities stay trusted.
+    const curl_version_info_data* info = curl_version_info(CURLVERSION_NOW);
+    if (info->capath == nullptr && info->cainfo != nullptr) {
+      ReadWholeFile(QString::fromLocal8Bit(info->cainfo), &settings->extra_ca_pem);
+      settings->extra_ca_pem += '\n';
+    }
+  }
+  for (const QString& path : config.extra_ca_certificate_files) {
+    std::string pem;
+    if (!ReadWholeFile(path, &pem) ||
+        pem.find("-----BEGIN CERTIFICATE-----") == std::string::npos) {
+      return false;
+    }
+    settings->extra_ca_pem += pem;
+    settings->extra_ca_pem += '\n';
+  }
+  settings->user_agent = config.user_agent.toStdString();
+  settings->insecure = config.insecure_skip_tls_verification;
+  impl_->settings = std::move(settings);
+  return true;
+}
+
+void CurlTransport::Start(NetworkRequest* request, const ServerInfo& server,
+                          const ConnectionOptions& options) {
+  HttpRequest* http = request->GetHttpRequest();
+  auto* transfer = doNew<Transfer>();
+  transfer->request = request;
+  transfer->http = http;
+  transfer->settings = impl_->settings;
+  transfer->options = options;
+  transfer->host = server.host();
+  transfer->port = server.port();
+  transfer->method = http->method();
+  transfer->keep_headers = request->keep_response_headers();
+  transfer->send_user_agent = request->default_headers() != NetworkRequest::Info::kNoDefaultHeaders;
+
+  bool valid = server.valid();
+  if (valid) {
+    transfer->url = curl_url();
+    const QByteArray url = http->url().toUtf8();
+    char* scheme = nullptr;
+    valid = transfer->url != nullptr &&
+            curl_url_set(transfer->url, CURLUPART_URL, url.constData(), 0) == CURLUE_OK &&
+            curl_url_get(transfer->url, CURLUPART_SCHEME, &scheme, 0) == CURLUE_OK &&
+            (std::strcmp(scheme, "https") == 0 || std::strcmp(scheme, "http") == 0);
+    curl_free(scheme);
+  }
+  CallerHeaders seen;
+  for (const RequestHeader& header : http->headers()) {
+    if (!valid) break;
+    valid = AppendCallerLine(header, &transfer->headers, &seen);
+  }
+  if (valid) {
+    // Lines libcurl would add of its own: "Accept: */*" only for the standard set, never
+    // "Expect: 100-continue" (one round trip less per upload), never a form Content-Type on POST.
+    if (!seen.accept && request->default_headers() != NetworkRequest::Info::kStandard) {
+      valid = AppendLine("Accept:", &transfer->headers);
+    }
+    if (valid && !seen.expect) valid = AppendLine("Expect:", &transfer->headers);
+    if (valid && !seen.content_type && transfer->method == HttpRequest::kPost) {
+      valid = AppendLine("Content-Type:", &transfer->headers);
+    }
+    if (valid && !seen.connection && !options.keep_alive) {
+      valid = AppendLine("Connection: close", &transfer->headers);
+    }
+  }
+  if (!valid) {
+    FreeTransfer(transfer);
+    http->SetResponseStatus(status::kErrorInvalidRequest);
+    PostCompletion(request);
+    return;
+  }
+  if (transfer->method == HttpRequest::kPost || transfer->method == HttpRequest::kPut) {
+    static const char kEmpty[1] = {0};
+    transfer->body = http->body().isEmpty() ? kEmpty : http->body().constData();
+    transfer->body_size = static_cast<std::size_t>(http->body().size());
+  }
+  impl_->Enqueue(transfer);
+}
+
+std::size_t CurlTransport::in_flight() const {
+  return impl_->in_flight.load(std::memory_order_acquire);
+}
+
+}  // namespace net
+}  // namespace kestrel

@@ -1,0 +1,46 @@
+# Tests of the command-line programs. Paths are relative to tests/.
+if(TARGET quire-server)
+  find_package(CURL REQUIRED)
+  find_package(OpenSSL REQUIRED)
+  find_package(pugixml REQUIRED)
+  find_package(Threads REQUIRED)
+
+  # Starts the emulator binary and talks to it over HTTP(S).
+  add_library(quire_server_test_support STATIC
+    tools/quire-server/atom_view.cpp
+    tools/quire-server/http_client.cpp
+    tools/quire-server/raw_connection.cpp
+    tools/quire-server/server_process.cpp
+    tools/quire-server/server_test.cpp
+  )
+  quire_warnings(quire_server_test_support)
+  target_include_directories(quire_server_test_support PUBLIC ${PROJECT_SOURCE_DIR})
+  target_compile_definitions(quire_server_test_support PUBLIC
+    QUIRE_SERVER_BINARY="$<TARGET_FILE:quire-server>")
+  target_link_libraries(quire_server_test_support PUBLIC
+    CURL::libcurl OpenSSL::Crypto pugixml::pugixml GTest::gtest Threads::Threads)
+  add_dependencies(quire_server_test_support quire-server)
+
+  quire_add_test(quire_server_test
+    SOURCES
+      tools/quire-server/bad_input_test.cpp
+      tools/quire-server/fault_injection_test.cpp
+      tools/quire-server/lifecycle_test.cpp
+      tools/quire-server/protocol_test.cpp
+    LIBS quire_server_test_support)
+
+  quire_add_test(quire_server_stress_test
+    SOURCES
+      tools/quire-server/concurrency_test.cpp
+      tools/quire-server/crash_safety_test.cpp
+    LIBS quire_server_test_support)
+
+  # The whole story with the curl command-line tool.
+  find_program(QUIRE_CURL_TOOL curl)
+  if(QUIRE_CURL_TOOL)
+    add_test(NAME quire_server_curl_smoke
+      COMMAND bash ${CMAKE_CURRENT_SOURCE_DIR}/tools/quire-server/curl_smoke_test.sh
+        $<TARGET_FILE:quire-server>)
+    set_tests_properties(quire_server_curl_smoke PROPERTIES TIMEOUT 120)
+  endif()
+endif()

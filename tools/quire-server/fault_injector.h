@@ -1,0 +1,39 @@
+// Applies the configured faults (see FaultOptions). Thread-safe.
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <optional>
+#include <string>
+
+#include "tools/quire-server/fault_options.h"
+
+namespace quire_server {
+
+class FaultInjector {
+ public:
+  static constexpr std::uint64_t kUnlimited = ~std::uint64_t{0};
+
+  explicit FaultInjector(const FaultOptions& options) : options_(options) {}
+
+  const FaultOptions& options() const { return options_; }
+  // Counts one request; true when it is one of those to answer with 503.
+  bool NextRequestFails();
+  std::uint64_t RequestByteLimit() const;
+  std::uint64_t ResponseByteLimit() const;
+  std::chrono::milliseconds AnswerDelay() const {
+    return std::chrono::milliseconds(options_.delay_ms);
+  }
+  // How long a keep-alive connection may wait for its next request.
+  std::chrono::milliseconds IdleTimeout(std::chrono::milliseconds normal) const;
+  // The Range value of a 308 answer for a session that holds `held` bytes; empty when the answer
+  // carries none.
+  std::optional<std::string> RangeFor(std::uint64_t held) const;
+
+ private:
+  const FaultOptions options_;
+  std::atomic<std::uint64_t> requests_{0};
+};
+
+}  // namespace quire_server
