@@ -83,7 +83,7 @@ void DemoRunner::Step(int number, const std::string& name,
   char label[64];
   std::snprintf(label, sizeof label, "[%d/%d] ", number, kSteps);
   std::string line = label + name + " ";
-  if (line.size() < 34) line.resize(34, '.');
+  if (line.size() < 40) line.resize(40, '.');
   *host_->out << line << ' ' << std::flush;
   std::string result;
   try {

@@ -32,8 +32,7 @@ TransportInstallation::TransportInstallation(const HostEnvironment::TransportFac
 
 TransportInstallation::~TransportInstallation() {
   kestrel::MainLoop::Default()->RunUntilIdle();
-  using kestrel::net::TransportRegistry;
-  TransportRegistry::SetDefault(previous_ == TransportRegistry::BuiltIn() ? nullptr : previous_);
+  kestrel::net::TransportRegistry::SetDefault(previous_);
 }
 
 }  // namespace quire_cli

@@ -12,6 +12,7 @@
 #include <QJsonObject>
 #include <QTemporaryDir>
 #include <chrono>
+#include <iostream>
 #include <memory>
 #include <string>
 #include <thread>
@@ -340,9 +341,11 @@ TEST_F(CliEndToEndTest, EmulatorFaultsEndInTheirClasses) {
   EXPECT_EQ(result.exit_code, 7) << result.err;
   EXPECT_NE(result.err.find("HTTP 503"), std::string::npos) << result.err;
 
-  StartServer({QStringLiteral("--fault-close-response-after"), QStringLiteral("100")});
+  // The answer's head arrives, its body is cut short.
+  StartServer({QStringLiteral("--fault-close-response-after"), QStringLiteral("400")});
   result = Quire({"ls"});
   EXPECT_EQ(result.exit_code, 3) << result.err;
+  EXPECT_NE(result.err.find("broke while listing the documents"), std::string::npos) << result.err;
 
   StartServer({QStringLiteral("--fault-delay-ms"), QStringLiteral("3000")});
   result = Quire({"--timeout", "1", "ls"});
@@ -370,6 +373,9 @@ TEST_F(CliEndToEndTest, AnUploadCutByTheServerFinishesWithResumeByteExact) {
   result = Quire({"upload", "--resume"});
   ASSERT_EQ(result.exit_code, 0) << result.err;
   EXPECT_NE(result.out.find("uploaded \"Cut\""), std::string::npos) << result.out;
+  // The bytes of the cut request that did arrive count: the upload goes on from there.
+  EXPECT_EQ(result.out.find("continued at byte 0,"), std::string::npos) << result.out;
+  std::cout << "cut upload: " << result.out;
   EXPECT_FALSE(QFile::exists(QString::fromStdString(StateFile())));
   EXPECT_EQ(Get("Cut"), bytes);
   EXPECT_EQ(List().size(), 1);
@@ -401,6 +407,7 @@ TEST_F(CliEndToEndTest, AnUploadStoppedWithCtrlCFinishesWithResumeByteExact) {
   result = Quire({"upload", "--resume"});
   ASSERT_EQ(result.exit_code, 0) << result.err;
   EXPECT_EQ(result.out.find("continued at byte 0,"), std::string::npos) << result.out;
+  std::cout << "interrupted upload: " << result.out;
   EXPECT_EQ(Get("Slow"), bytes);
 }
 
