@@ -19,63 +19,62 @@ std::string Seconds(double seconds) {
   return text;
 }
 
-FailureClassifier::Description HttpFailure(int number, const std::string& action) {
-  using Description = FailureClassifier::Description;
+FailureClassifier::Diagnosis HttpFailure(int number, const std::string& action) {
+  using Diagnosis = FailureClassifier::Diagnosis;
   if (number == 401 || number == 403) {
-    return Description{ExitCode::kTokenRefused,
-                       "the service refused the token (" + Http(number) + ") while " + action,
-                       "check QUIRE_TOKEN or the file given to --token-file"};
+    return Diagnosis{ExitCode::kTokenRefused,
+                     "the service refused the token (" + Http(number) + ") while " + action,
+                     "check QUIRE_TOKEN or the file given to --token-file"};
   }
   if (number == 404 || number == 410) {
-    return Description{ExitCode::kNotFound,
-                       "the service does not have it (" + Http(number) + ") while " + action,
-                       "run quire ls to see the documents"};
+    return Diagnosis{ExitCode::kNotFound,
+                     "the service does not have it (" + Http(number) + ") while " + action,
+                     "run quire ls to see the documents"};
   }
   if (number == 412) {
-    return Description{
+    return Diagnosis{
         ExitCode::kEntityTagChanged,
         "the document changed since it was listed (" + Http(number) + ") while " + action,
         "run quire ls and try again"};
   }
   if (number >= 300 && number < 400) {
-    return Description{
+    return Diagnosis{
         ExitCode::kServerError,
         "the service answered with a redirection (" + Http(number) + ") while " + action,
         "quire does not follow redirections; check that --server names the service"};
   }
   if (number >= 400 && number < 500) {
-    return Description{ExitCode::kServerError,
-                       "the service rejected the request (" + Http(number) + ") while " + action,
-                       "check the command's arguments; the service's log tells more"};
+    return Diagnosis{ExitCode::kServerError,
+                     "the service rejected the request (" + Http(number) + ") while " + action,
+                     "check the command's arguments; the service's log tells more"};
   }
-  return Description{ExitCode::kServerError,
-                     "the service failed (" + Http(number) + ") while " + action,
-                     "try again later; if it persists, the service's log tells more"};
+  return Diagnosis{ExitCode::kServerError,
+                   "the service failed (" + Http(number) + ") while " + action,
+                   "try again later; if it persists, the service's log tells more"};
 }
 
 }  // namespace
 
-FailureClassifier::Description FailureClassifier::Describe(int status,
-                                                           const std::string& action) const {
+FailureClassifier::Diagnosis FailureClassifier::Diagnose(int status,
+                                                         const std::string& action) const {
   if (status == 1) {
-    return Description{ExitCode::kUnreadableAnswer,
-                       "the service's answer could not be read while " + action,
-                       "check that --server names the document service; retry later"};
+    return Diagnosis{ExitCode::kUnreadableAnswer,
+                     "the service's answer could not be read while " + action,
+                     "check that --server names the document service; retry later"};
   }
-  if (status == 2) return DescribeGenericFailure(action);
+  if (status == 2) return DiagnoseGenericFailure(action);
   if (status >= 300 && status < 600) return HttpFailure(status, action);
-  return Description{
-      ExitCode::kServerError,
-      "the request failed with status " + std::to_string(status) + " while " + action,
-      "try again later"};
+  return Diagnosis{ExitCode::kServerError,
+                   "the request failed with status " + std::to_string(status) + " while " + action,
+                   "try again later"};
 }
 
 CliFailure FailureClassifier::Classify(int status, const std::string& action) const {
-  const Description description = Describe(status, action);
-  return CliFailure(description.code, description.what + "; " + description.todo);
+  const Diagnosis diagnosis = Diagnose(status, action);
+  return CliFailure(diagnosis.code, diagnosis.what + "; " + diagnosis.todo);
 }
 
-FailureClassifier::Description FailureClassifier::DescribeGenericFailure(
+FailureClassifier::Diagnosis FailureClassifier::DiagnoseGenericFailure(
     const std::string& action) const {
   NetworkDiagnostics::Outcome outcome;
   if (diagnostics_ != nullptr) outcome = diagnostics_->LastCompleted();
@@ -95,54 +94,54 @@ FailureClassifier::Description FailureClassifier::DescribeGenericFailure(
     // A 308 reaches the command as a failure only when the upload could not read how much the
     // service holds (no Range, or one beyond the data).
     if (code == status::FromHttp(308)) {
-      return Description{ExitCode::kUnreadableAnswer,
-                         "the service's answer (HTTP 308) did not say how many bytes of the upload "
-                         "it holds, or named more than were sent, while " +
-                             action,
-                         "check that --server names the document service"};
+      return Diagnosis{ExitCode::kUnreadableAnswer,
+                       "the service's answer (HTTP 308) did not say how many bytes of the upload "
+                       "it holds, or named more than were sent, while " +
+                           action,
+                       "check that --server names the document service"};
     }
     if (code >= status::kHttpSuccessBase + 300 && code < status::kHttpSuccessBase + 400) {
       return HttpFailure(static_cast<int>(code - status::kHttpSuccessBase), action);
     }
     switch (code) {
       case status::kErrorConnectionRefused:
-        return Description{ExitCode::kNetwork,
-                           "cannot connect to " + where + " (connection refused) while " + action,
-                           "check that the service is running and that --server names it"};
+        return Diagnosis{ExitCode::kNetwork,
+                         "cannot connect to " + where + " (connection refused) while " + action,
+                         "check that the service is running and that --server names it"};
       case status::kErrorNameNotResolved:
-        return Description{ExitCode::kNetwork,
-                           "the name of " + where + " could not be resolved while " + action,
-                           "check the network connection, or give the service's address with "
-                           "--server"};
+        return Diagnosis{ExitCode::kNetwork,
+                         "the name of " + where + " could not be resolved while " + action,
+                         "check the network connection, or give the service's address with "
+                         "--server"};
       case status::kErrorTls:
-        return Description{
+        return Diagnosis{
             ExitCode::kNetwork,
             "the secure connection to " + where + " failed while " + action +
                 " (its certificate is not trusted, or the handshake failed)",
             "give the service's certificate with --cacert FILE (--insecure skips the check, for "
             "tests only)"};
       case status::kErrorTimedOut:
-        return Description{
+        return Diagnosis{
             ExitCode::kNetwork,
             "no answer from " + where + " for " + Seconds(timeout_seconds_) + " s while " + action,
             "try again, or allow more time with --timeout SECONDS"};
       case status::kErrorConnectionReset:
       case status::kErrorResponseTruncated:
       case status::kErrorSendFailed:
-        return Description{ExitCode::kNetwork,
-                           "the connection to " + where + " broke while " + action,
-                           "try again; an interrupted upload continues with quire upload --resume"};
+        return Diagnosis{ExitCode::kNetwork,
+                         "the connection to " + where + " broke while " + action,
+                         "try again; an interrupted upload continues with quire upload --resume"};
       case status::kErrorInvalidRequest:
-        return Description{ExitCode::kUsage,
-                           "the request could not be sent while " + action +
-                               " (an address or header that the network layer refuses)",
-                           "check --server and the document given"};
+        return Diagnosis{ExitCode::kUsage,
+                         "the request could not be sent while " + action +
+                             " (an address or header that the network layer refuses)",
+                         "check --server and the document given"};
       default:
         break;
     }
   }
-  return Description{ExitCode::kNetwork, "the request to " + where + " failed while " + action,
-                     "check the network connection and --server, then try again"};
+  return Diagnosis{ExitCode::kNetwork, "the request to " + where + " failed while " + action,
+                   "check the network connection and --server, then try again"};
 }
 
 }  // namespace quire_cli

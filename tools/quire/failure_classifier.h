@@ -12,7 +12,7 @@ class NetworkDiagnostics;
 
 class FailureClassifier {
  public:
-  struct Description {
+  struct Diagnosis {
     ExitCode code;
     // What went wrong, e.g. "the service refused the token (HTTP 401) while listing the documents".
     std::string what;
@@ -25,14 +25,14 @@ class FailureClassifier {
   FailureClassifier(NetworkDiagnostics* diagnostics, double timeout_seconds)
       : diagnostics_(diagnostics), timeout_seconds_(timeout_seconds) {}
 
-  // Describes a status other than 0 (a NetworkResponseInfo::status) met while doing `action` (a
+  // Diagnoses a status other than 0 (a NetworkResponseInfo::status) met while doing `action` (a
   // phrase such as "listing the documents").
-  Description Describe(int status, const std::string& action) const;
+  Diagnosis Diagnose(int status, const std::string& action) const;
   // The same as a failure, with the message "<what>; <todo>".
   CliFailure Classify(int status, const std::string& action) const;
 
  private:
-  Description DescribeGenericFailure(const std::string& action) const;
+  Diagnosis DiagnoseGenericFailure(const std::string& action) const;
 
   NetworkDiagnostics* diagnostics_;
   double timeout_seconds_;

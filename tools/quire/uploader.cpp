@@ -94,8 +94,8 @@ DocRecord Uploader::Finish(const Outcome& outcome, const ProgressConnection& con
     }
     return outcome.doc;
   }
-  FailureClassifier::Description description =
-      classifier_.Describe(outcome.status, "uploading " + what);
+  FailureClassifier::Diagnosis diagnosis =
+      classifier_.Diagnose(outcome.status, "uploading " + what);
   const bool session_open = !connection.session_url().isEmpty();
   if (outcome.status == 404 || outcome.status == 410) {
     UploadState::Remove(state_path_);
@@ -106,16 +106,16 @@ DocRecord Uploader::Finish(const Outcome& outcome, const ProgressConnection& con
                            "without requests); start the upload again");
     }
   }
-  std::string message = description.what;
+  std::string message = diagnosis.what;
   if (session_open && state_error_.empty()) {
     message += " (the service holds " + std::to_string(connection.held()) + " of " +
-               std::to_string(connection.total()) + " bytes); " + description.todo +
+               std::to_string(connection.total()) + " bytes); " + diagnosis.todo +
                ", then continue with " + ResumeHint(state_path_);
   } else {
-    message += "; " + description.todo + ", then start the upload again";
+    message += "; " + diagnosis.todo + ", then start the upload again";
     if (!state_error_.empty()) message += " (" + state_error_ + ")";
   }
-  throw CliFailure(description.code, message);
+  throw CliFailure(diagnosis.code, message);
 }
 
 DocRecord Uploader::Upload(const QUrl& start_url, bool creates, MappedFile* file,

@@ -30,10 +30,10 @@ TEST(FailureClassifierTest, EachStatusFallsIntoItsClass) {
       {308, ExitCode::kServerError},
   };
   for (const auto& [number, code] : cases) {
-    const auto description = classifier.Describe(number, "listing the documents");
-    EXPECT_EQ(description.code, code) << number;
-    EXPECT_NE(description.what.find("while listing the documents"), std::string::npos) << number;
-    EXPECT_FALSE(description.todo.empty()) << number;
+    const auto diagnosis = classifier.Diagnose(number, "listing the documents");
+    EXPECT_EQ(diagnosis.code, code) << number;
+    EXPECT_NE(diagnosis.what.find("while listing the documents"), std::string::npos) << number;
+    EXPECT_FALSE(diagnosis.todo.empty()) << number;
   }
 }
 
@@ -53,7 +53,7 @@ class FailureDiagnosisTest : public quire_test::ScriptedTest {
  protected:
   // Sends one GET through a Connection over the diagnostics, answered with `code`, and describes
   // the status it ends with.
-  FailureClassifier::Description Diagnose(std::uint32_t code) {
+  FailureClassifier::Diagnosis Diagnose(std::uint32_t code) {
     NetworkDiagnostics diagnostics(&transport_, 7);
     kestrel::net::TransportRegistry::SetDefault(&diagnostics);
     transport_.Enqueue(code);
@@ -62,17 +62,17 @@ class FailureDiagnosisTest : public quire_test::ScriptedTest {
     ConnectionParams params{};
     params.url = QStringLiteral("https://docs.quire.example:8443/feeds/default/private/full");
     int calls = 0;
-    FailureClassifier::Description description{};
+    FailureClassifier::Diagnosis diagnosis{};
     const FailureClassifier classifier(&diagnostics, 7);
     connection.Request(params, [&](NetworkResponseInfo info, QByteArray) {
       ++calls;
-      description = classifier.Describe(info.status, "listing the documents");
+      diagnosis = classifier.Diagnose(info.status, "listing the documents");
     });
     RunUntil([&] { return calls > 0; });
     EXPECT_EQ(calls, 1);
     kestrel::MainLoop::Default()->RunUntilIdle();
     kestrel::net::TransportRegistry::SetDefault(&transport_);
-    return description;
+    return diagnosis;
   }
 };
 
