@@ -21,8 +21,8 @@ enum ConnectionMethod : std::uint32_t {
 /// The description of one request that a service (or a host) hands to IConnection::Request().
 ///
 /// A plain record, filled field by field by the caller on its own stack; it has no constructor,
-/// so every field must be set. Request() copies what it
-/// needs before it returns, so the record and what its pointers refer to need only live until then.
+/// so every field must be set. Request() copies what it needs before it returns, so the record and
+/// what its pointers refer to need only live until then.
 struct ConnectionParams {
   /// The HTTP method, a ConnectionMethod value; anything else is sent as GET.
   std::uint32_t method;

@@ -15,8 +15,8 @@ namespace kestrel {
 namespace quire {
 
 /// The document list of the signed-in user: a plain record filled by ParseFrom() from a "feed"
-/// element of the host's XML tree: the feed's own
-/// links, its paging numbers, its timestamp text and entity tag, and its entries.
+/// element of the host's XML tree, with the feed's own links, its paging numbers, its timestamp
+/// text and entity tag, and its entries.
 ///
 /// Ownership and lifetime: feeds are allocated through the host's memory manager (plain new and
 /// delete do that for this class). A feed owns its entries; destroying it destroys each of them

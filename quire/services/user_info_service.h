@@ -36,9 +36,8 @@ class QUIRE_EXPORT UserInfoService : public Service {
   ///
   /// `callback` receives the response record and the address, taken from the text of the body
   /// (bytes up to the first zero byte, one character per byte) behind the first "email=" and up to
-  /// the next
-  /// "&", or to the end of the text. The value is handed over as it stands (no decoding, no
-  /// trimming). When "&" follows "email=" directly, the address runs from that "&" to the end of
+  /// the next "&", or to the end of the text. The value is handed over as it stands (no decoding,
+  /// no trimming). When "&" follows "email=" directly, the address runs from that "&" to the end of
   /// the text. Statuses:
   /// - 0: an address was found (never empty);
   /// - 1: the answer was a success but holds no "email=" or an empty value: an empty string;
