@@ -21,6 +21,20 @@ class KESTREL_EXPORT ByteBuffer {
   KESTREL_MANAGED_ALLOCATION
 
  public:
+  /// Storage that a buffer may take instead of fresh memory from the memory manager, and gives
+  /// back when it no longer needs it (a transport recycles the memory of large bodies this way).
+  class KESTREL_EXPORT StorageSource {
+   public:
+    /// At least `capacity` bytes; their real number goes to `*size`. Never null. The source stays
+    /// alive until the storage has been given back.
+    virtual char* Take(std::size_t capacity, std::size_t* size) = 0;
+    /// Takes back storage that Take handed out. Any thread.
+    virtual void Give(char* data, std::size_t size) = 0;
+
+   protected:
+    virtual ~StorageSource();
+  };
+
   /// An empty buffer; no memory is taken until the first byte arrives.
   ByteBuffer();
   /// Gives the storage back.
@@ -39,6 +53,8 @@ class KESTREL_EXPORT ByteBuffer {
 
   /// Makes room for at least `capacity` bytes in total without changing the contents.
   void Reserve(std::size_t capacity);
+  /// Like Reserve, with the storage from `source` when the buffer has none yet.
+  void ReserveFrom(StorageSource* source, std::size_t capacity);
   /// Appends `length` bytes copied from `bytes`.
   void Append(const char* bytes, std::size_t length);
   /// Appends `length` uninitialised bytes and returns where they start, for a writer that fills the
@@ -48,9 +64,12 @@ class KESTREL_EXPORT ByteBuffer {
   void Clear() { size_ = 0; }
 
  private:
+  void ReleaseStorage();
+
   char* data_ = nullptr;
   std::size_t size_ = 0;
   std::size_t capacity_ = 0;
+  StorageSource* source_ = nullptr;  // where data_ came from; null: the memory manager
 };
 
 }  // namespace net

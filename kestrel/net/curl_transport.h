@@ -35,8 +35,11 @@ namespace net {
 /// What comes back: an HTTP answer as status::FromHttp(number); response header lines of the final
 /// response (1xx interim responses are dropped) in arrival order as "Name: value", the name exactly
 /// as the server wrote it; the body in the request's ByteBuffer, sized from Content-Length when the
-/// server sends one. A failure without a complete HTTP answer gives one of the `status::kError...`
-/// codes, and whatever header lines and body bytes had arrived stay in place.
+/// server sends one. A body announced at 1 MiB or more goes into storage that the transport
+/// recycles: when such a request is released, its storage is kept for up to ten seconds (at most
+/// four blocks, 2 GiB in all) for the next large body, which then lands in memory the kernel need
+/// not map and clear again. A failure without a complete HTTP answer gives one of the
+/// `status::kError...` codes, and whatever header lines and body bytes had arrived stay in place.
 ///
 /// How ConnectionOptions apply (libcurl's connection cache is shared by every request of the
 /// transport; its limits follow the options of the most recent request):
