@@ -32,6 +32,7 @@ class KESTREL_EXPORT ByteBuffer {
     virtual void Give(char* data, std::size_t size) = 0;
 
    protected:
+    /// Sources are not deleted through this interface.
     virtual ~StorageSource();
   };
 
