@@ -5,17 +5,34 @@
 namespace kestrel {
 namespace net {
 
+ByteBuffer::StorageSource::~StorageSource() = default;
+
 ByteBuffer::ByteBuffer() = default;
 
-ByteBuffer::~ByteBuffer() { MemoryManager::Default()->Free(data_); }
+ByteBuffer::~ByteBuffer() { ReleaseStorage(); }
+
+void ByteBuffer::ReleaseStorage() {
+  if (source_ != nullptr) {
+    source_->Give(data_, capacity_);
+    source_ = nullptr;
+  } else {
+    MemoryManager::Default()->Free(data_);
+  }
+}
 
 void ByteBuffer::Reserve(std::size_t capacity) {
   if (capacity <= capacity_) return;
   char* grown = static_cast<char*>(MemoryManager::Default()->Malloc(capacity));
   if (size_ > 0) std::memcpy(grown, data_, size_);
-  MemoryManager::Default()->Free(data_);
+  ReleaseStorage();
   data_ = grown;
   capacity_ = capacity;
+}
+
+void ByteBuffer::ReserveFrom(StorageSource* source, std::size_t capacity) {
+  if (data_ != nullptr || source == nullptr) return Reserve(capacity);
+  data_ = source->Take(capacity, &capacity_);
+  source_ = source;
 }
 
 char* ByteBuffer::Grow(std::size_t length) {

@@ -45,6 +45,13 @@ constexpr int kPollMilliseconds = 1000;
 // usually arrives, and each such request is spared waking a sleeping thread.
 constexpr std::chrono::microseconds kSpin(50);
 
+// Bodies announced at least this large get their storage from the transport's recycled blocks.
+constexpr std::size_t kMinRecycledBytes = std::size_t{1} << 20;
+// Released body storage kept for reuse: at most this many blocks and bytes, for at most this long.
+constexpr std::size_t kMaxRecycledBlocks = 4;
+constexpr std::size_t kMaxRecycledBytes = std::size_t{2} << 30;
+constexpr std::chrono::seconds kRecycledLifetime(10);
+
 void InitLibcurlOnce() {
   static std::once_flag once;
   std::call_once(once, [] { curl_global_init(CURL_GLOBAL_DEFAULT); });
@@ -70,6 +77,114 @@ struct Settings {
   std::string extra_ca_pem;          // empty: libcurl's default authorities only
   std::string user_agent;
   bool insecure = false;
+};
+
+// The storage of large response bodies, kept for a while after the request that held it was
+// released, so that the next large body lands in memory that is already mapped. Fresh memory costs
+// the kernel a page fault and the clearing of every page, which for a large download costs more
+// than receiving it. Blocks come from the memory manager and go back to it when they have not been
+// reused within kRecycledLifetime, when the limits are exceeded, or when the transport is gone.
+// Counted: the transport holds one reference and every block handed out holds one, because a
+// request's buffer may outlive the transport.
+class BodyStorage : public ByteBuffer::StorageSource {
+ public:
+  BodyStorage() = default;
+  BodyStorage(const BodyStorage&) = delete;
+  BodyStorage& operator=(const BodyStorage&) = delete;
+
+  // A kept block of `capacity` to twice `capacity` bytes (the smallest), else a fresh one.
+  char* Take(std::size_t capacity, std::size_t* size) override {
+    references_.fetch_add(1, std::memory_order_relaxed);
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      auto best = blocks_.end();
+      for (auto it = blocks_.begin(); it != blocks_.end(); ++it) {
+        if (it->size >= capacity && it->size / 2 <= capacity &&
+            (best == blocks_.end() || it->size < best->size)) {
+          best = it;
+        }
+      }
+      if (best != blocks_.end()) {
+        char* data = best->data;
+        *size = best->size;
+        kept_bytes_ -= best->size;
+        blocks_.erase(best);
+        return data;
+      }
+    }
+    *size = capacity;
+    return static_cast<char*>(MemoryManager::Default()->Malloc(capacity));
+  }
+
+  void Give(char* data, std::size_t size) override {
+    std::vector<char*, MMAlloc<char*>> dropped;
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      if (open_ && size <= kMaxRecycledBytes) {
+        blocks_.push_back({data, size, std::chrono::steady_clock::now()});
+        kept_bytes_ += size;
+        // The oldest go first.
+        while (blocks_.size() > kMaxRecycledBlocks || kept_bytes_ > kMaxRecycledBytes) {
+          dropped.push_back(blocks_.front().data);
+          kept_bytes_ -= blocks_.front().size;
+          blocks_.erase(blocks_.begin());
+        }
+      } else {
+        dropped.push_back(data);
+      }
+    }
+    for (char* block : dropped) MemoryManager::Default()->Free(block);
+    Unref();
+  }
+
+  // Frees the blocks kept for longer than kRecycledLifetime.
+  void Trim() {
+    std::vector<char*, MMAlloc<char*>> dropped;
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      if (blocks_.empty()) return;
+      const auto oldest = std::chrono::steady_clock::now() - kRecycledLifetime;
+      while (!blocks_.empty() && blocks_.front().released < oldest) {
+        dropped.push_back(blocks_.front().data);
+        kept_bytes_ -= blocks_.front().size;
+        blocks_.erase(blocks_.begin());
+      }
+    }
+    for (char* block : dropped) MemoryManager::Default()->Free(block);
+  }
+
+  // The transport is going: every kept block is freed, blocks given back later are freed at once,
+  // and the transport's reference is dropped.
+  void Close() {
+    std::vector<Block, MMAlloc<Block>> dropped;
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      open_ = false;
+      dropped.swap(blocks_);
+      kept_bytes_ = 0;
+    }
+    for (const Block& block : dropped) MemoryManager::Default()->Free(block.data);
+    Unref();
+  }
+
+  ~BodyStorage() override = default;
+
+ private:
+  struct Block {
+    char* data;
+    std::size_t size;
+    std::chrono::steady_clock::time_point released;
+  };
+
+  void Unref() {
+    if (references_.fetch_sub(1, std::memory_order_acq_rel) == 1) doDelete(this);
+  }
+
+  std::atomic<long> references_{1};
+  std::mutex mutex_;
+  bool open_ = true;
+  std::vector<Block, MMAlloc<Block>> blocks_;  // in release order
+  std::size_t kept_bytes_ = 0;
 };
 
 // One request on its way through the transport. Built by Start() on the main thread, then owned by
@@ -99,13 +214,16 @@ struct Transfer {
   Transfer* prev = nullptr;
   Transfer* next = nullptr;
   // The response whose header block is arriving (a 1xx interim response is replaced by the next).
+  // Its lines go straight into the request, except the latest, which an obsolete continuation line
+  // may still extend.
   int response_code = 0;
   curl_off_t content_length = -1;
   // Whether the blank line that ends its header block has arrived. libcurl reports a connection
   // that closes in the middle of the header lines as a success; this tells the two apart.
   bool header_complete = false;
-  std::vector<QString, MMAlloc<QString>> lines;
+  QString last_line;
   ByteBuffer* buffer = nullptr;
+  BodyStorage* storage = nullptr;  // the transport's recycled body storage
 };
 
 void FreeTransfer(Transfer* transfer) {
@@ -227,6 +345,12 @@ std::uint32_t StatusForError(CURLcode code) {
   }
 }
 
+// Keeps `line` as the latest header line of the response, handing the one before to the request.
+void KeepLine(Transfer* transfer, QString line) {
+  if (!transfer->last_line.isNull()) transfer->http->AddResponseHeader(transfer->last_line);
+  transfer->last_line = std::move(line);
+}
+
 // --- libcurl callbacks (I/O thread).
 
 size_t OnHeaderLine(char* data, size_t size, size_t count, void* user) {
@@ -251,7 +375,8 @@ size_t OnHeaderLine(char* data, size_t size, size_t count, void* user) {
     transfer->response_code = number;
     transfer->content_length = -1;
     transfer->header_complete = false;
-    transfer->lines.clear();
+    transfer->http->ClearResponse();
+    transfer->last_line = QString();
     return total;
   }
 
@@ -259,8 +384,8 @@ size_t OnHeaderLine(char* data, size_t size, size_t count, void* user) {
     // An obsolete continuation line: joins the previous line's value with one blank.
     size_t start = 0;
     while (start < length && IsSpace(data[start])) ++start;
-    if (transfer->keep_headers && !transfer->lines.empty() && start < length) {
-      QString& previous = transfer->lines.back();
+    if (transfer->keep_headers && !transfer->last_line.isNull() && start < length) {
+      QString& previous = transfer->last_line;
       previous.append(QLatin1Char(' '));
       previous.append(QLatin1String(data + start, static_cast<int>(length - start)));
     }
@@ -269,9 +394,8 @@ size_t OnHeaderLine(char* data, size_t size, size_t count, void* user) {
 
   const char* colon = static_cast<const char*>(std::memchr(data, ':', length));
   if (colon == nullptr) {
-    if (transfer->keep_headers) {
-      transfer->lines.push_back(QString::fromLatin1(data, static_cast<int>(length)));
-    }
+    if (transfer->keep_headers)
+      KeepLine(transfer, QString::fromLatin1(data, static_cast<int>(length)));
     return total;
   }
   size_t name_length = static_cast<size_t>(colon - data);
@@ -298,7 +422,7 @@ size_t OnHeaderLine(char* data, size_t size, size_t count, void* user) {
     line.append(QLatin1String(data, static_cast<int>(name_length)));
     line.append(QLatin1String(": "));
     line.append(QLatin1String(value, static_cast<int>(value_length)));
-    transfer->lines.push_back(std::move(line));
+    KeepLine(transfer, std::move(line));
   }
   return total;
 }
@@ -309,8 +433,13 @@ size_t OnBodyBytes(char* data, size_t size, size_t count, void* user) {
   if (transfer->buffer == nullptr) {
     transfer->buffer = transfer->http->MutableResponseBuffer();
     if (transfer->content_length > 0) {
-      transfer->buffer->Reserve(
-          static_cast<std::size_t>(std::min(transfer->content_length, kMaxReservedBodyBytes)));
+      const auto reserved =
+          static_cast<std::size_t>(std::min(transfer->content_length, kMaxReservedBodyBytes));
+      if (reserved >= kMinRecycledBytes) {
+        transfer->buffer->ReserveFrom(transfer->storage, reserved);
+      } else {
+        transfer->buffer->Reserve(reserved);
+      }
     }
   }
   transfer->buffer->Append(data, total);
@@ -350,6 +479,7 @@ struct CurlTransport::Impl {
 
   // --- Main thread.
   std::shared_ptr<const Settings> settings = std::make_shared<Settings>();
+  BodyStorage* storage = doNew<BodyStorage>();
   std::thread thread;
   bool started = false;
 
@@ -444,6 +574,7 @@ void CurlTransport::Impl::Run() {
     curl_multi_perform(multi, &running);
     const bool finished = Reap();
     if ((added || finished || running > 0) && Spin()) continue;
+    storage->Trim();
     sleeping.store(true, std::memory_order_seq_cst);
     bool empty;
     {
@@ -641,7 +772,7 @@ void CurlTransport::Impl::Finish(Transfer* transfer, std::uint32_t code) {
 
   HttpRequest* http = transfer->http;
   http->SetResponseStatus(code);
-  for (QString& line : transfer->lines) http->AddResponseHeader(line);
+  if (!transfer->last_line.isNull()) http->AddResponseHeader(transfer->last_line);
   // From here on the request belongs to the main loop; the handle is recycled meanwhile.
   PostCompletion(transfer->request);
   if (easy != nullptr) {
@@ -665,6 +796,7 @@ CurlTransport::CurlTransport() : impl_(doNew<Impl>()) {
 
 CurlTransport::~CurlTransport() {
   impl_->Stop();
+  impl_->storage->Close();
   doDelete(impl_);
 }
 
@@ -719,6 +851,7 @@ void CurlTransport::Start(NetworkRequest* request, const ServerInfo& server,
   transfer->request = request;
   transfer->http = http;
   transfer->settings = impl_->settings;
+  transfer->storage = impl_->storage;
   transfer->options = options;
   transfer->host = server.host();
   transfer->port = server.port();

@@ -27,7 +27,11 @@ ByteBuffer* HttpRequest::MutableResponseBuffer() {
   return response_buffer_;
 }
 
-void HttpRequest::AddResponseHeader(const QString& line) { response_headers_.push_back(line); }
+void HttpRequest::AddResponseHeader(const QString& line) {
+  // A response has a handful of lines: room for them at once rather than growing one by one.
+  if (response_headers_.capacity() == 0) response_headers_.reserve(12);
+  response_headers_.push_back(line);
+}
 
 void HttpRequest::ClearResponse() {
   response_status_ = 0;

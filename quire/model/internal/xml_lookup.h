@@ -31,11 +31,9 @@ inline const QString& LookupAttribute(const XmlNode* node, QLatin1String name) {
 }
 
 // An address as the service writes it: already percent-encoded, so it is parsed as such and not
-// encoded again. A null or empty text gives an empty URL.
-inline QUrl UrlFromAttribute(const QString& text) {
-  if (text.isEmpty()) return QUrl();
-  return QUrl::fromEncoded(text.toLatin1());
-}
+// encoded again: the result is QUrl::fromEncoded(text.toLatin1()). A null or empty text gives an
+// empty URL. Defined in url_from_attribute.cpp.
+QUrl UrlFromAttribute(const QString& text);
 
 }  // namespace internal
 }  // namespace quire

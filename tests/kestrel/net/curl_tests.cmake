@@ -13,6 +13,7 @@ quire_add_test(kestrel_curl_test
     net/curl_connection_test.cpp
     net/curl_failure_test.cpp
     net/curl_headers_test.cpp
+    net/curl_recycle_test.cpp
     net/curl_status_test.cpp
   LIBS quire_test_support PkgConfig::CURL_TEST_HTTPLIB OpenSSL::SSL OpenSSL::Crypto Threads::Threads)
 target_compile_definitions(kestrel_curl_test PRIVATE
