@@ -1,5 +1,6 @@
-// The quire library: a client of the document service. Including this header declares every
-// public class of the library.
+/// @file
+/// The quire library: a client of the document service. Including this header declares every
+/// public class of the library.
 #pragma once
 
 #include "quire/connection/connection.h"

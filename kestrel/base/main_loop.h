@@ -1,6 +1,7 @@
-// The host's main loop: a queue of jobs that the main thread runs. Network completions, posted
-// jobs and timers all arrive here, so that the library's callbacks always run on the thread that
-// runs the loop.
+/// @file
+/// The host's main loop: a queue of jobs that the main thread runs. Network completions, posted
+/// jobs and timers all arrive here, so that the library's callbacks always run on the thread that
+/// runs the loop.
 #pragma once
 
 #include <condition_variable>
@@ -12,35 +13,54 @@
 
 namespace kestrel {
 
+/// The host's main loop: a queue of jobs that one thread runs, one at a time, in posting order.
+///
+/// Network completions, posted jobs and timers all arrive here, so the library's callbacks always
+/// run on the thread that runs the loop (Run(), RunUntil() or RunUntilIdle()). A host with an
+/// event loop of its own calls RunUntilIdle() from it whenever it wakes, or makes Run() its loop
+/// and posts its own work with Post().
+///
+/// Threading: Post(), PostDelayed(), Quit() and pending() are safe from any thread; the running
+/// functions are called by one thread at a time (normally the process's main thread).
 class KESTREL_EXPORT MainLoop {
  public:
+  /// A job: any callable without arguments or result.
   using Job = std::function<void()>;
 
+  /// An empty loop. Hosts use Default(); separate loops are for tests.
   MainLoop();
+  /// Jobs still queued are destroyed without running.
   ~MainLoop();
   MainLoop(const MainLoop&) = delete;
   MainLoop& operator=(const MainLoop&) = delete;
 
-  // The loop of the process's main thread. It lives until the process ends.
+  /// The loop of the process's main thread, where the network layer delivers every completion. It
+  /// is created on first use and lives until the process ends.
   static MainLoop* Default();
 
-  // Queues `job` to run on the loop's thread after the jobs already queued. Safe from any thread.
+  /// Queues `job` to run on the loop's thread after the jobs already queued. Safe from any thread;
+  /// the job never runs inside this call.
   void Post(Job job);
-  // Queues `job` to run once `delay_seconds` have passed. Safe from any thread.
+  /// Queues `job` to run once `delay_seconds` have passed (at once, in turn, when it is 0 or
+  /// less). Safe from any thread.
   void PostDelayed(double delay_seconds, Job job);
 
-  // Runs jobs on the calling thread until `done()` is true, `timeout_seconds` pass or Quit() is
-  // called; `done` is checked before every job. Returns the last value of `done()`. May be nested.
+  /// Runs jobs on the calling thread until `done()` is true, `timeout_seconds` pass or Quit() is
+  /// called; `done` is checked before every job. Returns the last value of `done()`, so false
+  /// means a time-out or Quit(). May be nested (a job may call it).
   bool RunUntil(const std::function<bool()>& done, double timeout_seconds);
-  // Runs every job that is ready, including those that the jobs post, until none is ready. Delayed
-  // jobs that are not yet due stay queued.
+  /// Runs every job that is ready, including those that the jobs post, until none is ready, and
+  /// returns without waiting. Delayed jobs that are not yet due stay queued. A pending Quit() ends
+  /// it early.
   void RunUntilIdle();
-  // Runs jobs until Quit() is called.
+  /// Runs jobs, waiting for new ones when the queue is empty, until Quit() is called.
   void Run();
-  // Makes the innermost running Run/RunUntil return after its current job. Safe from any thread.
+  /// Makes the innermost running Run() or RunUntil() return after its current job; when none is
+  /// running, the next call of Run(), RunUntil() or RunUntilIdle() returns before running a job.
+  /// Safe from any thread.
   void Quit();
 
-  // Jobs queued, ready or delayed.
+  /// The number of jobs queued, ready or delayed. Safe from any thread.
   std::size_t pending() const;
 
  private:

@@ -1,4 +1,5 @@
-// The shared null string of the host platform.
+/// @file
+/// The shared null string of the host platform.
 #pragma once
 
 #include <QString>
@@ -7,7 +8,8 @@
 
 namespace kestrel {
 
-// A null QString (isNull() and isEmpty() are both true) that callers can return by reference.
+/// A null QString (isNull() and isEmpty() are both true) that callers can return by reference. It
+/// lives for the whole process and is safe to read from any thread.
 KESTREL_EXPORT extern const QString QStringNull;
 
 }  // namespace kestrel

@@ -1,4 +1,5 @@
-// Issues requests on the host's network layer.
+/// @file
+/// Issues requests on the host's network layer.
 #pragma once
 
 #include "kestrel/base/kestrel_export.h"
@@ -11,27 +12,39 @@
 namespace kestrel {
 namespace net {
 
+/// Issues requests on the host's network layer: wraps each description in a NetworkRequest and
+/// hands it to the transport that TransportRegistry::Default() named when the manager was made.
+///
+/// Allocated through the default memory manager (plain `new` and `delete` do that). Used from the
+/// main loop's thread.
 class KESTREL_EXPORT ConnectionManager {
   KESTREL_MANAGED_ALLOCATION
 
  public:
-  // The arguments are those of ConnectionOptions, in its order: connections per host, idle
-  // connections kept per host, keep-alive, the stall time-out in seconds, and the age in seconds
-  // after which an idle connection is not reused. The manager sends through the transport that
-  // TransportRegistry::Default() names at construction.
+  /// The arguments are those of ConnectionOptions, in its order: connections per host, idle
+  /// connections kept per host, keep-alive, the stall time-out in seconds, and the age in seconds
+  /// after which an idle connection is not reused. The manager sends through the transport that
+  /// TransportRegistry::Default() names at construction; that transport is borrowed.
   ConnectionManager(int max_connections_per_host, int max_idle_connections_per_host,
                     bool keep_alive, double stall_timeout_seconds, int idle_connection_seconds);
+  /// Requests in flight are not stopped: they still complete, and their callbacks still run.
   virtual ~ConnectionManager();
   ConnectionManager(const ConnectionManager&) = delete;
   ConnectionManager& operator=(const ConnectionManager&) = delete;
 
-  // Starts a request to `server` described by `info` and returns the new request object, whose
-  // single reference belongs to the network layer until completion. The completion reaches
-  // `info.callback` later, on the main loop's thread, exactly once. Requests in flight when the
-  // manager is deleted still complete.
+  /// Starts a request to `server` described by `info` and returns the new request object, whose
+  /// single reference belongs to the network layer until completion; a caller that keeps the
+  /// pointer takes a reference of its own (NetworkRequest::AddRef()) before it returns to the main
+  /// loop. The request takes the body (shared) and the header list (moved) out of `info`; both
+  /// arguments need only live during the call. The completion reaches `info.callback` later, on
+  /// the main loop's thread, exactly once, also when the request cannot be sent (an invalid
+  /// `server` completes with status::kErrorInvalidRequest). Requests in flight when the manager is
+  /// deleted still complete.
   virtual NetworkRequest* StartRequest(ServerInfo& server, NetworkRequest::Info& info);
 
+  /// The options given at construction, which every request of this manager carries.
   const ConnectionOptions& options() const { return options_; }
+  /// The transport this manager sends through (borrowed).
   ITransport* transport() const { return transport_; }
 
  private:

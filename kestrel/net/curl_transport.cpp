@@ -218,6 +218,9 @@ struct Transfer {
   // may still extend.
   int response_code = 0;
   curl_off_t content_length = -1;
+  // Whether the blank line that ends its header block has arrived. libcurl reports a connection
+  // that closes in the middle of the header lines as a success; this tells the two apart.
+  bool header_complete = false;
   QString last_line;
   ByteBuffer* buffer = nullptr;
   BodyStorage* storage = nullptr;  // the transport's recycled body storage
@@ -355,7 +358,10 @@ size_t OnHeaderLine(char* data, size_t size, size_t count, void* user) {
   const size_t total = size * count;
   size_t length = total;
   while (length > 0 && (data[length - 1] == '\n' || data[length - 1] == '\r')) --length;
-  if (length == 0) return total;  // the blank line that ends a header block
+  if (length == 0) {  // the blank line that ends a header block
+    transfer->header_complete = true;
+    return total;
+  }
 
   if (length >= 5 && std::memcmp(data, "HTTP/", 5) == 0) {
     // A status line starts a new response; what an interim (1xx) response said is dropped.
@@ -368,6 +374,7 @@ size_t OnHeaderLine(char* data, size_t size, size_t count, void* user) {
     }
     transfer->response_code = number;
     transfer->content_length = -1;
+    transfer->header_complete = false;
     transfer->http->ClearResponse();
     transfer->last_line = QString();
     return total;
@@ -745,6 +752,7 @@ bool CurlTransport::Impl::Reap() {
       curl_easy_getinfo(transfer->easy, CURLINFO_RESPONSE_CODE, &http_code);
       code =
           http_code >= 100 ? status::FromHttp(static_cast<int>(http_code)) : status::kErrorUnknown;
+      if (!transfer->header_complete) code = status::kErrorResponseTruncated;
     }
     Finish(transfer, code);
     finished = true;

@@ -1,5 +1,6 @@
-// What a host program tells the built-in HTTPS transport before it creates services. Nothing here
-// is read from files named by the environment or from environment variables: the host decides.
+/// @file
+/// What a host program tells the built-in HTTPS transport before it creates services. Nothing here
+/// is read from files named by the environment or from environment variables: the host decides.
 #pragma once
 
 #include <QString>
@@ -10,29 +11,36 @@
 namespace kestrel {
 namespace net {
 
+/// What a host program tells the built-in HTTPS transport (CurlTransport::Configure()) before it
+/// creates services. A plain value.
 struct KESTREL_EXPORT CurlTransportConfig {
-  // Connections for `host` (any port) go to `address`:`port` instead of wherever the name resolves;
-  // the request itself, its Host line and the TLS name check still use `host`. This is how a host
-  // sends the library's fixed endpoints to a local emulator.
+  /// Connections for `host` (any port) go to `address`:`port` instead of wherever the name
+  /// resolves; the request itself, its Host line and the TLS name check still use `host`. This is
+  /// how a host sends the library's fixed endpoints to a local emulator.
   struct HostMapping {
+    /// The host name as the request's URL gives it.
     QString host;
-    QString address;  // a name, an IPv4 address or an IPv6 address (without brackets)
+    /// Where to connect instead: a name, an IPv4 address or an IPv6 address (without brackets).
+    QString address;
+    /// The port to connect to, 1 to 65535.
     int port = 0;
   };
 
-  // Sets `user_agent` to DefaultUserAgent() and leaves everything else empty or off.
+  /// Sets `user_agent` to DefaultUserAgent() and leaves everything else empty or off.
   CurlTransportConfig();
 
-  // "quire/<version>", the User-Agent sent unless the host sets another.
+  /// `quire/<version>`, the User-Agent sent unless the host sets another.
   static QString DefaultUserAgent();
 
-  // PEM files whose certificates are trusted in addition to the system's certificate authorities.
+  /// PEM files whose certificates are trusted in addition to the system's certificate authorities.
+  /// They are read when CurlTransport::Configure() is called.
   std::vector<QString> extra_ca_certificate_files;
+  /// Host names whose connections go elsewhere; see HostMapping.
   std::vector<HostMapping> host_mappings;
-  // Sent as the User-Agent line when a request asks for default header lines.
+  /// Sent as the User-Agent line when a request asks for default header lines.
   QString user_agent;
-  // Turns off the verification of the server's certificate chain and host name. Only for local
-  // testing: with it set, anyone on the path can read and change the traffic.
+  /// Turns off the verification of the server's certificate chain and host name. Only for local
+  /// testing: with it set, anyone on the path can read and change the traffic.
   bool insecure_skip_tls_verification = false;
 };
 

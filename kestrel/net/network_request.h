@@ -1,11 +1,6 @@
-// One request in the network layer: a counted object that owns its HTTP exchange and reports its
-// completion to a callback object.
-//
-// Reference counting: the count is a `long` right after the virtual table, changed only with
-// kestrel::TestThenAdd. A new request starts with one reference, held by the transport until it has
-// reported completion. Whoever else keeps the pointer takes a reference (AddRef) and drops it
-// (ReleaseRef); when the count drops from 1 the virtual Release() destroys the request, its response
-// buffer included.
+/// @file
+/// One request in the network layer: a counted object that owns its HTTP exchange and reports its
+/// completion to a callback object.
 #pragma once
 
 #include <QByteArray>
@@ -19,74 +14,110 @@
 namespace kestrel {
 namespace net {
 
+/// One request in the network layer: a counted object that owns its HTTP exchange and reports its
+/// completion to a callback object.
+///
+/// Reference counting: the count is a `long` right after the virtual table, changed only with
+/// kestrel::TestThenAdd(). A new request starts with one reference, held by the transport until it
+/// has reported completion. Whoever else keeps the pointer takes a reference (AddRef()) and drops
+/// it (ReleaseRef()); when the count drops from 1 the virtual Release() destroys the request, its
+/// response buffer included. Allocated through the default memory manager.
+///
+/// Threading: references may be taken and dropped from any thread; everything else happens on the
+/// main loop's thread, except that the transport fills the response on its own thread before it
+/// hands the request back.
 class KESTREL_EXPORT NetworkRequest {
   KESTREL_MANAGED_ALLOCATION
 
  public:
-  // Receives the completion of a request.
+  /// Receives the completion of a request.
   class KESTREL_EXPORT Callback {
    public:
+    /// The network layer never deletes a callback; its owner does (the quire library's adaptor
+    /// deletes itself after its completion).
     virtual ~Callback();
-    // Called exactly once per request, when it has finished (successfully or not), on the thread
-    // that runs the main loop, and never before the connection manager's StartRequest returned. The
-    // request stays valid during the call.
+    /// Called exactly once per request, when it has finished (successfully or not), on the thread
+    /// that runs the main loop, and never before the connection manager's StartRequest returned.
+    /// The request and its response (body buffer, header lines) stay valid during the call; a
+    /// callback that needs them later takes a reference (AddRef()).
     virtual void OnRequestComplete(NetworkRequest* request) = 0;
   };
 
-  // The description of one request.
+  /// The description of one request, as a caller hands it to ConnectionManager::StartRequest().
   class KESTREL_EXPORT Info {
    public:
-    // Which standard header lines the network layer adds of its own.
+    /// Which standard header lines the network layer adds of its own.
     enum DefaultHeaders {
-      kNoDefaultHeaders = 0,  // only the caller's lines (and what HTTP itself requires)
-      kUserAgent = 1,         // plus the User-Agent line
-      kStandard = 2,          // plus User-Agent and the transport's usual lines (Accept, ...)
+      kNoDefaultHeaders = 0,  ///< only the caller's lines (and what HTTP itself requires)
+      kUserAgent = 1,         ///< plus the User-Agent line
+      kStandard = 2,          ///< plus User-Agent and the transport's usual lines (Accept, ...)
     };
 
-    // `keep_response_headers`: keep the response header lines for GetResponseHeader (false drops
-    // them). `callback` is borrowed and must stay alive until it is called. `user_data` is opaque
-    // and handed back by NetworkRequest::user_data().
+    /// Copies each argument into the field of the same name: the body is shared, the header list
+    /// taken over. `keep_response_headers`: keep the response header lines for
+    /// HttpRequest::GetResponseHeader() (false drops them). `callback` is borrowed and must stay
+    /// alive until it is called. `user_data` is opaque and handed back by
+    /// NetworkRequest::user_data().
     Info(HttpRequest::MethodType method, const QByteArray& body, const QString& url,
          RequestHeaderList headers, bool keep_response_headers, Callback* callback, void* user_data,
          DefaultHeaders default_headers);
+    /// Releases what the description still holds.
     ~Info();
 
+    /// The HTTP method.
     HttpRequest::MethodType method;
+    /// The body (an empty one for none); shared, never copied.
     QByteArray body;
+    /// The absolute URL, percent-encoded.
     QString url;
+    /// The header records in sending order.
     RequestHeaderList headers;
+    /// Whether the response header lines are kept.
     bool keep_response_headers;
+    /// Receives the completion; borrowed.
     Callback* callback;
+    /// Opaque, handed back by NetworkRequest::user_data().
     void* user_data;
+    /// Which standard lines the network layer adds.
     DefaultHeaders default_headers;
   };
 
-  // Takes the request description from `info`: the body is shared, not copied, and the header list
-  // is moved out of it. The count starts at 1.
+  /// Takes the request description from `info`: the body is shared, not copied, and the header
+  /// list is moved out of it. The count starts at 1.
   explicit NetworkRequest(Info* info);
   NetworkRequest(const NetworkRequest&) = delete;
   NetworkRequest& operator=(const NetworkRequest&) = delete;
 
+  /// The HTTP exchange; valid while the request lives.
   HttpRequest* GetHttpRequest() { return &http_request_; }
+  /// The HTTP exchange; valid while the request lives.
   const HttpRequest* GetHttpRequest() const { return &http_request_; }
+  /// The opaque pointer of the description.
   void* user_data() const { return user_data_; }
+  /// Whether the transport keeps the response header lines.
   bool keep_response_headers() const { return keep_response_headers_; }
+  /// Which standard lines the transport adds.
   Info::DefaultHeaders default_headers() const { return default_headers_; }
+  /// Whether Complete() has been called.
   bool completed() const { return completed_; }
+  /// The reference count, for kestrel::TestThenAdd().
   volatile long* ref_count() { return &ref_count_; }
 
-  // Reports completion to the callback: once; later calls do nothing. Transports call it on the
-  // main loop's thread, after the response is in place.
+  /// Reports completion to the callback: once; later calls do nothing. Transports call it on the
+  /// main loop's thread, after the response is in place.
   void Complete();
 
-  // Takes and drops a reference (see the top of this file).
+  /// Takes a reference (see the class description). Safe from any thread.
   static void AddRef(NetworkRequest* request);
+  /// Drops a reference, destroying the request with Release() when it was the last one. Safe from
+  /// any thread.
   static void ReleaseRef(NetworkRequest* request);
 
-  // Destroys the request; called when the last reference is dropped.
+  /// Destroys the request; called when the last reference is dropped.
   virtual void Release();
 
  protected:
+  /// Only Release() destroys a request.
   virtual ~NetworkRequest();
 
  private:

@@ -1,7 +1,9 @@
-// The network layer's 32-bit completion codes.
-//
-// An HTTP answer is reported as 0x000A0000 plus the status number when it is below 400 and as
-// 0xC00A0000 plus the number from 400 on. Failures without an HTTP answer use the 0xC001xxxx range.
+/// @file
+/// The network layer's 32-bit completion codes.
+///
+/// An HTTP answer is reported as 0x000A0000 plus the status number when it is below 400 and as
+/// 0xC00A0000 plus the number from 400 on. Failures without an HTTP answer use the 0xC001xxxx
+/// range.
 #pragma once
 
 #include <cstdint>
@@ -10,26 +12,42 @@ namespace kestrel {
 namespace net {
 namespace status {
 
+/// Added to an HTTP status number below 400.
 constexpr std::uint32_t kHttpSuccessBase = 0x000A0000u;
+/// Added to an HTTP status number from 400 on.
 constexpr std::uint32_t kHttpErrorBase = 0xC00A0000u;
 
-// The code for an HTTP status number.
+/// The code for an HTTP status number: FromHttp(200) is 0x000A00C8, FromHttp(404) is 0xC00A0194.
 constexpr std::uint32_t FromHttp(int http_status) {
   return http_status < 400 ? kHttpSuccessBase + static_cast<std::uint32_t>(http_status)
                            : kHttpErrorBase + static_cast<std::uint32_t>(http_status);
 }
 
-// Failures without an HTTP answer.
+/// @name Failures without an HTTP answer
+/// The quire library reports each of them as status 2 (kestrel::quire::kStatusFailure).
+///@{
+
+/// Any other failure; also a request still in flight when its transport is destroyed.
 constexpr std::uint32_t kErrorUnknown = 0xC0010000u;
+/// The host name could not be resolved.
 constexpr std::uint32_t kErrorNameNotResolved = 0xC0010001u;
+/// No connection could be made.
 constexpr std::uint32_t kErrorConnectionRefused = 0xC0010002u;
+/// The connection broke while the answer was being received.
 constexpr std::uint32_t kErrorConnectionReset = 0xC0010003u;
+/// The TLS handshake or the certificate check failed.
 constexpr std::uint32_t kErrorTls = 0xC0010004u;
+/// Connecting took too long, or no byte moved for too long (ConnectionOptions).
 constexpr std::uint32_t kErrorTimedOut = 0xC0010005u;
+/// The answer ended early, or none came at all.
 constexpr std::uint32_t kErrorResponseTruncated = 0xC0010006u;
-constexpr std::uint32_t kErrorInvalidRequest = 0xC0010007u;  // bad URL, scheme or header line
+/// The request was not sent: bad URL, scheme or header line.
+constexpr std::uint32_t kErrorInvalidRequest = 0xC0010007u;
+/// The network layer was built without a transport and none was installed.
 constexpr std::uint32_t kErrorNoTransport = 0xC0010008u;
+/// Sending the request failed.
 constexpr std::uint32_t kErrorSendFailed = 0xC0010009u;
+///@}
 
 }  // namespace status
 }  // namespace net

@@ -1,6 +1,5 @@
-// A deterministic in-memory transport for tests and benchmarks. A test scripts the answers (a
-// completion code, a body, header lines) and reads back every request as the transport saw it.
-// Every request completes later, from the main loop, never inside the call that issued it.
+/// @file
+/// A deterministic in-memory transport for tests and benchmarks.
 #pragma once
 
 #include <QByteArray>
@@ -19,61 +18,97 @@
 namespace kestrel {
 namespace net {
 
+/// A deterministic in-memory transport for tests and benchmarks. A test scripts the answers (a
+/// completion code, a body, header lines) and reads back every request as the transport saw it.
+/// Every request completes later, from kestrel::MainLoop::Default(), never inside the call that
+/// issued it.
+///
+/// Install it with TransportRegistry::SetDefault() before creating the connection managers that
+/// should use it; it must outlive every request started on it. Main loop's thread only.
 class KESTREL_EXPORT ScriptedTransport : public ITransport {
  public:
+  /// One scripted answer.
   struct Answer {
+    /// The completion code (see network_status.h).
     std::uint32_t code = status::FromHttp(200);
+    /// The response body.
     QByteArray body;
-    // False: the request completes without a response buffer at all.
+    /// False: the request completes without a response buffer at all.
     bool has_body = true;
+    /// Response header lines ("Name: value"), kept only when the request asks for them.
     std::vector<QString> headers;
-    // Completion comes after this long (0: on the next turn of the main loop).
+    /// Completion comes after this long (0: on the next turn of the main loop).
     double delay_seconds = 0;
   };
 
-  // One request as the transport received it.
+  /// One request as the transport received it.
   struct Seen {
+    /// The method.
     HttpRequest::MethodType method = HttpRequest::kGet;
+    /// The URL as given.
     QString url;
+    /// The header records as given, in order.
     std::vector<RequestHeader> headers;
-    // The body as given (shares its bytes; empty when bodies are not recorded).
+    /// The body as given (shares its bytes; empty when bodies are not recorded).
     QByteArray body;
-    // Where the body's bytes were when the request reached the transport, and how many there were.
+    /// Where the body's bytes were when the request reached the transport.
     const char* body_data = nullptr;
+    /// How many body bytes there were.
     std::size_t body_size = 0;
+    /// Whether the server parsed from the URL was valid.
     bool server_valid = false;
+    /// The server's host, lower case.
     QString host;
+    /// The server's port.
     int port = 0;
+    /// The connection manager's options.
     ConnectionOptions options;
+    /// Which standard lines the request asked for.
     NetworkRequest::Info::DefaultHeaders default_headers = NetworkRequest::Info::kNoDefaultHeaders;
+    /// Whether the request keeps response header lines.
     bool keep_response_headers = false;
+    /// The request's opaque pointer.
     void* user_data = nullptr;
   };
 
+  /// Makes the answer to a request when none is queued.
   using Responder = std::function<Answer(const Seen&)>;
 
+  /// No answers queued, no responder.
   ScriptedTransport();
+  /// Requests still in flight complete all the same, with their scripted answers: their
+  /// completions wait in the main loop and do not refer to the transport.
   ~ScriptedTransport() override;
 
-  // Answers are used first in, first out; when none is queued the responder answers; without one
-  // the request fails with status::kErrorUnknown.
+  /// Queues `answer`. Answers are used first in, first out; when none is queued the responder
+  /// answers; without one the request fails with status::kErrorUnknown (no body). A request to an
+  /// invalid server takes no answer and fails with status::kErrorInvalidRequest.
   void Enqueue(Answer answer);
+  /// Queues an answer made of `code`, `body` and `headers`, delivered on the next turn of the
+  /// main loop.
   void Enqueue(std::uint32_t code, const QByteArray& body = QByteArray(),
                std::vector<QString> headers = {});
+  /// Sets the function that answers when no answer is queued; it runs inside Start().
   void SetResponder(Responder responder);
-  // Whether Seen::body keeps a reference to each request body (default true). Benchmarks that move
-  // large bodies turn it off.
+  /// Whether Seen::body keeps a reference to each request body (default true). Benchmarks that
+  /// move large bodies turn it off.
   void set_record_bodies(bool record) { record_bodies_ = record; }
-  // Whether Seen records are kept at all (default true).
+  /// Whether Seen records are kept at all (default true).
   void set_record_requests(bool record) { record_requests_ = record; }
 
+  /// Every request received so far, in order (while recording is on).
   const std::vector<Seen>& requests() const { return requests_; }
+  /// The number of requests started.
   std::size_t started() const { return started_; }
+  /// The number of requests completed.
   std::size_t completed() const;
+  /// The number of requests started and not yet completed.
   std::size_t in_flight() const { return started_ - completed(); }
-  // Where the body of the most recently completed answer was placed (the response buffer).
+  /// Where the body of the most recently completed answer was placed (the response buffer), or
+  /// null when it had none.
   const char* last_response_data() const;
 
+  /// Records the request and schedules its answer on the main loop (see ITransport::Start()).
   void Start(NetworkRequest* request, const ServerInfo& server,
              const ConnectionOptions& options) override;
 

@@ -1,4 +1,5 @@
-// The server that a request goes to, derived from its URL.
+/// @file
+/// The server that a request goes to, derived from its URL.
 #pragma once
 
 #include <QString>
@@ -8,17 +9,24 @@
 namespace kestrel {
 namespace net {
 
+/// The server that a request goes to, derived from its URL. A plain value; not thread-safe.
 class KESTREL_EXPORT ServerInfo {
  public:
-  // Parses `url`. A URL that does not parse, lacks a host, or whose scheme is neither http nor
-  // https gives an invalid ServerInfo; requests to it fail without being sent.
+  /// Parses `url`. A URL that does not parse, lacks a host, or whose scheme is neither http nor
+  /// https gives an invalid ServerInfo; requests to it fail without being sent.
   explicit ServerInfo(const QString& url);
+  /// Releases the strings.
   ~ServerInfo();
 
+  /// Whether the URL named an http or https server with a host and a port in 1..65535.
   bool valid() const { return valid_; }
-  const QString& scheme() const { return scheme_; }  // "http" or "https", lower case
-  const QString& host() const { return host_; }      // lower case
-  int port() const { return port_; }                 // explicit, or 80 / 443
+  /// "http" or "https", lower case (whatever the URL said when it is not valid()).
+  const QString& scheme() const { return scheme_; }
+  /// The host name or address, lower case.
+  const QString& host() const { return host_; }
+  /// The port: explicit in the URL, or 80 for http and 443 for https; 0 when not valid().
+  int port() const { return port_; }
+  /// Whether the scheme is https.
   bool secure() const { return scheme_ == QLatin1String("https"); }
 
  private:

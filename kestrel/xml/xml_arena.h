@@ -1,5 +1,6 @@
-// The storage of one parsed XML tree: nodes and attribute lists in a few large blocks from the
-// memory manager, so that a document costs a handful of allocations instead of one per node.
+/// @file
+/// The storage of one parsed XML tree: nodes and attribute lists in a few large blocks from the
+/// memory manager, so that a document costs a handful of allocations instead of one per node.
 #pragma once
 
 #include <cstddef>
@@ -11,29 +12,35 @@
 
 namespace kestrel {
 
+/// The storage of one parsed XML tree: nodes and attribute lists in a few large blocks from the
+/// memory manager, so that a document costs a handful of allocations instead of one per node.
+///
+/// Every XmlReader has one; a host rarely needs one of its own. Not thread-safe.
 class KESTREL_EXPORT XmlArena {
   KESTREL_MANAGED_ALLOCATION
 
  public:
+  /// An empty arena; no memory is taken until the first node or attribute.
   XmlArena() = default;
+  /// Destroys every node and attribute (see Clear()).
   ~XmlArena() { Clear(); }
   XmlArena(const XmlArena&) = delete;
   XmlArena& operator=(const XmlArena&) = delete;
 
-  // A default-constructed node that lives until Clear() or the arena's destruction.
+  /// A default-constructed node that lives until Clear() or the arena's destruction.
   XmlNode* NewNode() { return nodes_.Allocate(); }
 
-  // Adds one default-constructed attribute at the end of the list `run` that holds `count`
-  // attributes (run may be null when count is 0) and returns the list, which stays contiguous: when
-  // the current block is full the list moves to a new one, so the returned pointer replaces `run`.
-  // Nothing else may be allocated from the arena while a list is being built.
+  /// Adds one default-constructed attribute at the end of the list `run` that holds `count`
+  /// attributes (run may be null when count is 0) and returns the list, which stays contiguous:
+  /// when the current block is full the list moves to a new one, so the returned pointer replaces
+  /// `run`. Nothing else may be allocated from the arena while a list is being built.
   XmlAttribute* AppendAttribute(XmlAttribute* run, int count) {
     return attributes_.Append(run, static_cast<std::size_t>(count));
   }
 
-  // Destroys every node and attribute and gives the memory back. Every item goes before any block:
-  // freeing a large block makes the C allocator tidy up all the small ones freed before it (the
-  // strings of the items), which is better done once than once per block.
+  /// Destroys every node and attribute and gives the memory back. Every item goes before any
+  /// block: freeing a large block makes the C allocator tidy up all the small ones freed before it
+  /// (the strings of the items), which is better done once than once per block.
   void Clear() {
     nodes_.DestroyItems();
     attributes_.DestroyItems();
@@ -41,7 +48,7 @@ class KESTREL_EXPORT XmlArena {
     attributes_.FreeBlocks();
   }
 
-  // Blocks taken from the memory manager and not yet given back.
+  /// Blocks taken from the memory manager and not yet given back.
   std::size_t block_count() const { return nodes_.block_count() + attributes_.block_count(); }
 
  private:

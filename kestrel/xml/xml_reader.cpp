@@ -73,6 +73,7 @@ class Scratch {
     return data_ + size_;
   }
   void Append(const char* bytes, std::size_t size) {
+    if (size == 0) return;  // an empty piece (e.g. an empty CDATA section) before any storage
     std::memcpy(Reserve(size), bytes, size);
     size_ += size;
   }

@@ -8,6 +8,7 @@
 #include <string>
 
 #include "tools/quire-server/fault_options.h"
+#include "tools/quire-server/http_response.h"
 
 namespace quire_server {
 
@@ -30,6 +31,9 @@ class FaultInjector {
   // The Range value of a 308 answer for a session that holds `held` bytes; empty when the answer
   // carries none.
   std::optional<std::string> RangeFor(std::uint64_t held) const;
+  // With a body file set, gives a 2xx answer that file's bytes as its body; an answer of another
+  // status is left alone. A body file that can no longer be read turns the answer into a 500.
+  void ReplaceBody(HttpResponse* response) const;
 
  private:
   const FaultOptions options_;

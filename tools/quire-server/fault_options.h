@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <string>
 
 namespace quire_server {
 
@@ -20,6 +21,10 @@ struct FaultOptions {
   std::uint32_t delay_ms = 0;
   // Close keep-alive connections that sit idle this long between requests.
   std::uint32_t idle_close_ms = 0;
+  // Every 2xx answer carries the bytes of this file as its body instead of its own (status and
+  // header fields kept): a malformed or hostile document, or a huge one, in place of the feed, an
+  // entry, the user information or a content download.
+  std::string body_file;
 };
 
 }  // namespace quire_server

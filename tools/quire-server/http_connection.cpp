@@ -283,6 +283,7 @@ void HttpConnection<Stream>::Answer(HttpResponse response) {
 
 template <class Stream>
 void HttpConnection<Stream>::Send(HttpResponse response) {
+  context_.faults->ReplaceBody(&response);
   keep_alive_ = keep_alive_ && !response.close && !unread_body_;
   if (context_.verbose) {
     std::cerr << "quire-server: " << log_line_ << " -> " << response.status << std::endl;

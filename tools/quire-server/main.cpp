@@ -251,6 +251,10 @@ int main(int argc, char** argv) {
   app.add_option("--fault-idle-close-ms", options.faults.idle_close_ms,
                  "Close keep-alive connections idle for N ms between requests")
       ->group(faults);
+  app.add_option("--fault-body", options.faults.body_file,
+                 "Every 2xx answer carries the bytes of FILE as its body instead of its own")
+      ->check(CLI::ExistingFile)
+      ->group(faults);
   CLI11_PARSE(app, argc, argv);
   try {
     return Run(options);

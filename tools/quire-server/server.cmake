@@ -46,4 +46,3 @@ target_compile_definitions(quire-server PRIVATE BOOST_ASIO_NO_DEPRECATED BOOST_B
 target_link_libraries(quire-server PRIVATE
   Boost::headers OpenSSL::SSL OpenSSL::Crypto SQLite::SQLite3 CLI11::CLI11 pugixml::pugixml
   Threads::Threads)
-install(TARGETS quire-server RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})

@@ -1,0 +1,112 @@
+// Lists the signed-in user's documents: one line per document with its title, media type, last
+// update and marks (starred, in the trash).
+//
+//   QUIRE_TOKEN=... list_documents [--emulator ADDR:PORT --ca-file FILE]
+//
+// The bearer token comes from the environment variable QUIRE_TOKEN (a real host obtains it with
+// its own OAuth 2.0 flow). --emulator sends the library's two host names to a local quire-server
+// listening on ADDR:PORT, whose certificate --ca-file names (its data folder's tls/cert.pem).
+//
+// Exit status: 0 listed, 1 the request failed, 2 bad command line.
+#include <QByteArray>
+#include <QString>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include <kestrel/base/main_loop.h>
+#include <kestrel/net/curl_transport.h>
+#include <quire/quire.h>
+
+namespace {
+
+using kestrel::quire::DocsEntry;
+using kestrel::quire::DocsFeed;
+using kestrel::quire::DocsService;
+using kestrel::quire::NetworkResponseInfo;
+
+// Sends the library's fixed host names to a local emulator at `address` ("127.0.0.1:8443") and
+// trusts its certificate. Must run before the first service is created.
+bool UseEmulator(const QString& address, const QString& ca_file) {
+  const int colon = address.lastIndexOf(QLatin1Char(':'));
+  bool port_ok = false;
+  const int port = address.mid(colon + 1).toInt(&port_ok);
+  if (colon <= 0 || !port_ok) return false;
+  QString host = address.left(colon);
+  if (host.startsWith(QLatin1Char('[')) && host.endsWith(QLatin1Char(']'))) {
+    host = host.mid(1, host.size() - 2);  // an IPv6 address goes without brackets
+  }
+  kestrel::net::CurlTransportConfig config;
+  config.host_mappings = {{QStringLiteral("docs.quire.example"), host, port},
+                          {QStringLiteral("api.quire.example"), host, port}};
+  if (!ca_file.isEmpty()) config.extra_ca_certificate_files = {ca_file};
+  return kestrel::net::CurlTransport::Default()->Configure(config);
+}
+
+int Usage() {
+  std::fprintf(stderr,
+               "usage: QUIRE_TOKEN=... list_documents [--emulator ADDR:PORT --ca-file FILE]\n");
+  return 2;
+}
+
+void PrintEntry(const DocsEntry& entry) {
+  QString marks;
+  if (entry.starred) marks += QStringLiteral(" starred");
+  if (entry.removed) marks += QStringLiteral(" trashed");
+  std::printf("%s\t%s\t%s%s\n", entry.title.toUtf8().constData(),
+              entry.content_type.toUtf8().constData(), entry.updated.toUtf8().constData(),
+              marks.toUtf8().constData());
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  QString emulator;
+  QString ca_file;
+  for (int i = 1; i < argc; ++i) {
+    const bool has_value = i + 1 < argc;
+    if (std::strcmp(argv[i], "--emulator") == 0 && has_value) {
+      emulator = QString::fromLocal8Bit(argv[++i]);
+    } else if (std::strcmp(argv[i], "--ca-file") == 0 && has_value) {
+      ca_file = QString::fromLocal8Bit(argv[++i]);
+    } else {
+      return Usage();
+    }
+  }
+  const char* token = std::getenv("QUIRE_TOKEN");
+  if (token == nullptr || *token == '\0') {
+    std::fprintf(stderr, "list_documents: set QUIRE_TOKEN to a bearer token\n");
+    return 2;
+  }
+  if (!emulator.isEmpty() && !UseEmulator(emulator, ca_file)) {
+    std::fprintf(stderr, "list_documents: cannot use the emulator at %s (with CA file \"%s\")\n",
+                 qPrintable(emulator), qPrintable(ca_file));
+    return 2;
+  }
+
+  // The service creates its own connection and owns it. The token lives in memory only.
+  DocsService docs;
+  docs.SetOAuth2AuthToken(QString::fromUtf8(token));
+
+  bool done = false;
+  int exit_status = 1;
+  docs.GetFeed([&](NetworkResponseInfo info, const DocsFeed& feed) {
+    // Runs later, on this thread, from MainLoop::RunUntil below. The feed dies when this returns.
+    done = true;
+    if (info.status != 0) {
+      // 1: the answer was not a feed; 2: no usable HTTP answer (network, TLS, time-out); else the
+      // HTTP status (401: the token was refused).
+      std::fprintf(stderr, "list_documents: the document list failed with status %d\n",
+                   info.status);
+      return;
+    }
+    for (const DocsEntry* entry : feed.entries) PrintEntry(*entry);
+    std::fprintf(stderr, "documents: %zu\n", feed.entries.size());
+    exit_status = 0;
+  });
+
+  // The callback always comes: the network layer gives up on a stalled request after 60 seconds.
+  // Waiting for it matters, because the service must outlive its requests.
+  kestrel::MainLoop::Default()->RunUntil([&] { return done; }, 24 * 3600.0);
+  return exit_status;
+}

@@ -1,0 +1,49 @@
+# Hardening: the fault matrix against the emulator, security tests through the real transport, and
+# the fuzzers' seed inputs in every build. Paths are relative to tests/.
+find_package(OpenSSL REQUIRED)
+find_package(Threads REQUIRED)
+
+quire_add_test(quire_fuzz_corpus_test
+  SOURCES hardening/fuzz_corpus_test.cpp
+  LIBS quire_test_support)
+target_compile_definitions(quire_fuzz_corpus_test PRIVATE
+  QUIRE_FUZZ_CORPUS_DIR="${PROJECT_SOURCE_DIR}/fuzz/corpus")
+
+# A host's view of the library over CurlTransport, and what tests need to watch it.
+add_library(quire_hardening_support STATIC
+  hardening/library_client.cpp
+  hardening/operation_runner.cpp
+  hardening/raw_listener.cpp
+  hardening/test_certificates.cpp
+)
+quire_warnings(quire_hardening_support)
+target_include_directories(quire_hardening_support PUBLIC ${PROJECT_SOURCE_DIR})
+target_link_libraries(quire_hardening_support PUBLIC
+  quire kestrel GTest::gtest OpenSSL::SSL OpenSSL::Crypto Threads::Threads)
+
+quire_add_test(quire_security_test
+  SOURCES hardening/security_test.cpp
+  LIBS quire_hardening_support)
+
+if(TARGET quire_server_test_support)
+  add_library(quire_fault_matrix_support STATIC
+    hardening/fault_emulator.cpp
+    hardening/fault_matrix_test.cpp
+  )
+  quire_warnings(quire_fault_matrix_support)
+  target_link_libraries(quire_fault_matrix_support PUBLIC
+    quire_hardening_support quire_server_test_support)
+
+  quire_add_test(quire_fault_matrix_test
+    SOURCES hardening/fault_columns_test.cpp
+    LIBS quire_fault_matrix_support)
+
+  # The column that waits out the connection's 60 s stall time-out. Labelled "slow": CI runs it in
+  # the plain suite only.
+  add_executable(quire_fault_delay_test hardening/fault_delay_test.cpp)
+  quire_warnings(quire_fault_delay_test)
+  target_link_libraries(quire_fault_delay_test PRIVATE
+    quire_fault_matrix_support GTest::gtest GTest::gtest_main)
+  gtest_discover_tests(quire_fault_delay_test DISCOVERY_TIMEOUT 60
+    PROPERTIES TIMEOUT 300 LABELS slow)
+endif()

@@ -1,0 +1,28 @@
+# Tests of the quire command: its parts on their own, the commands in-process over the scripted
+# transport, and the quire program end to end against the emulator.
+quire_add_test(quire_cli_test
+  SOURCES
+    ${CMAKE_CURRENT_LIST_DIR}/command_line_test.cpp
+    ${CMAKE_CURRENT_LIST_DIR}/doc_list_formatter_test.cpp
+    ${CMAKE_CURRENT_LIST_DIR}/doc_resolver_test.cpp
+    ${CMAKE_CURRENT_LIST_DIR}/exit_codes_test.cpp
+    ${CMAKE_CURRENT_LIST_DIR}/failure_classifier_test.cpp
+    ${CMAKE_CURRENT_LIST_DIR}/mapped_file_test.cpp
+    ${CMAKE_CURRENT_LIST_DIR}/progress_bar_test.cpp
+    ${CMAKE_CURRENT_LIST_DIR}/progress_connection_test.cpp
+    ${CMAKE_CURRENT_LIST_DIR}/token_source_test.cpp
+    ${CMAKE_CURRENT_LIST_DIR}/upload_state_test.cpp
+  LIBS quire_cli_core quire_test_support)
+
+# The quire program against the emulator, over HTTPS on 127.0.0.1.
+if(TARGET quire-server AND TARGET quire_cli)
+  quire_add_test(quire_cli_end_to_end_test
+    SOURCES
+      ${CMAKE_CURRENT_LIST_DIR}/cli_end_to_end_test.cpp
+      ${CMAKE_CURRENT_LIST_DIR}/process_runner.cpp
+    LIBS quire_cli_core)
+  target_compile_definitions(quire_cli_end_to_end_test PRIVATE
+    QUIRE_BINARY="$<TARGET_FILE:quire_cli>"
+    QUIRE_SERVER_BINARY="$<TARGET_FILE:quire-server>")
+  add_dependencies(quire_cli_end_to_end_test quire_cli quire-server)
+endif()

@@ -1,0 +1,22 @@
+// The global options of the command: where the service is and how to trust it.
+#pragma once
+
+#include <QString>
+
+namespace quire_cli {
+
+struct ClientOptions {
+  // The address that the library's fixed hosts are mapped to ("https://127.0.0.1:8443"); empty to
+  // reach the real hosts.
+  QString server;
+  // A PEM file of certificates to trust besides the system's.
+  QString cacert;
+  // Skip the certificate check (tests only).
+  bool insecure = false;
+  // Seconds that a connection attempt, or a transfer in which no byte moves, may take.
+  double timeout_seconds = 60;
+  // Where the token is read from instead of QUIRE_TOKEN.
+  QString token_file;
+};
+
+}  // namespace quire_cli

@@ -1,0 +1,35 @@
+// What the command takes from the process that hosts it: its output streams, whether a person
+// watches the standard error, the token variable, and how to make the network transport. Tests run
+// the command in-process with streams of their own and a scripted transport.
+#pragma once
+
+#include <QString>
+#include <functional>
+#include <memory>
+#include <ostream>
+
+#include "kestrel/net/i_transport.h"
+#include "tools/quire/client_options.h"
+
+namespace quire_cli {
+
+struct HostEnvironment {
+  using TransportFactory =
+      std::function<std::shared_ptr<kestrel::net::ITransport>(const ClientOptions& options)>;
+
+  // Results go to `out`, messages and the progress bar to `err` (both borrowed).
+  std::ostream* out = nullptr;
+  std::ostream* err = nullptr;
+  // Whether `err` is a terminal: only then is a progress bar drawn.
+  bool err_is_terminal = false;
+  // The value of QUIRE_TOKEN (null when unset).
+  QString token_variable;
+  // Makes the transport that carries the requests, configured from the global options. The
+  // transport must outlive the requests made through it; the command keeps the pointer until it
+  // ends.
+  TransportFactory make_transport;
+  // The folder of the running quire program (where quire-server is looked for first).
+  QString program_dir;
+};
+
+}  // namespace quire_cli
