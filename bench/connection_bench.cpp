@@ -33,8 +33,12 @@ void RunRequests(benchmark::State& state, bool collect_headers, int batch) {
     Connection connection;
     connection.Init({QStringLiteral("Quire-Version: 3.0")});
     const std::vector<QString> auth = {QStringLiteral("Authorization: Bearer token")};
-    ConnectionParams params{0, QStringLiteral("https://docs.quire.example/feeds/default/private/full"),
-                            nullptr, &auth, collect_headers, 0};
+    ConnectionParams params{0,
+                            QStringLiteral("https://docs.quire.example/feeds/default/private/full"),
+                            nullptr,
+                            &auth,
+                            collect_headers,
+                            0};
     long long completed = 0;
     auto* mm = kestrel::MemoryManager::Default();
     const long long allocations_before = mm->total_allocations();

@@ -30,8 +30,10 @@ std::int32_t ConvertStatus(std::uint32_t code) {
   if (code == 0x000A012Cu) return 300;
   if (code == 0x000A012Eu) return 302;
   if (code == 0x000A0134u) return 308;
-  if (code >= 0xC00A0190u && code <= 0xC00A01A0u) return static_cast<std::int32_t>(code - 0xC00A0190u) + 400;
-  if (code >= 0xC00A01F4u && code <= 0xC00A01F9u) return static_cast<std::int32_t>(code - 0xC00A01F4u) + 500;
+  if (code >= 0xC00A0190u && code <= 0xC00A01A0u)
+    return static_cast<std::int32_t>(code - 0xC00A0190u) + 400;
+  if (code >= 0xC00A01F4u && code <= 0xC00A01F9u)
+    return static_cast<std::int32_t>(code - 0xC00A01F4u) + 500;
   if (code < 0x000A012Cu) return kStatusSuccess;
   return kStatusFailure;
 }

@@ -1,6 +1,6 @@
-// Fixtures shared by the tests: a scripted transport installed for the test's duration, a check that
-// the memory manager's live allocations come back to where they started, and a way to run the main
-// loop until the callbacks a test waits for have arrived.
+// Fixtures shared by the tests: a scripted transport installed for the test's duration, a check
+// that the memory manager's live allocations come back to where they started, and a way to run the
+// main loop until the callbacks a test waits for have arrived.
 #pragma once
 
 #include <gtest/gtest.h>

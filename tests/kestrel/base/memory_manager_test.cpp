@@ -104,7 +104,8 @@ TEST(MemoryManagerTest, AllocatorAdaptorUsesTheManager) {
   MemoryManager* mm = MemoryManager::Default();
   const long live = mm->live_allocations();
   {
-    std::vector<std::string, kestrel::MMAlloc<std::string>> v(kestrel::MMAlloc<std::string>(nullptr));
+    std::vector<std::string, kestrel::MMAlloc<std::string>> v(
+        kestrel::MMAlloc<std::string>(nullptr));
     v.push_back("one");
     v.push_back("two");
     EXPECT_GE(mm->live_allocations(), live + 1);

@@ -19,7 +19,8 @@ class Recorder : public NetworkRequest::Callback {
     ++calls;
     status = request->GetHttpRequest()->GetResponseStatus();
     const auto* buffer = request->GetHttpRequest()->GetResponseBuffer();
-    body = buffer ? QByteArray(buffer->data(), static_cast<qsizetype>(buffer->size())) : QByteArray();
+    body =
+        buffer ? QByteArray(buffer->data(), static_cast<qsizetype>(buffer->size())) : QByteArray();
     had_buffer = buffer != nullptr;
     for (int i = 0; i < request->GetHttpRequest()->GetResponseHeaderCount(); ++i) {
       headers.push_back(*request->GetHttpRequest()->GetResponseHeader(i));

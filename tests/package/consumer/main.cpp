@@ -16,8 +16,8 @@ int main() {
   {
     kestrel::quire::Connection connection;
     connection.Init({QStringLiteral("Quire-Version: 3.0")});
-    kestrel::quire::ConnectionParams params{0, QString::fromLatin1(kestrel::quire::DocsFeedUrl),
-                                            nullptr, nullptr, false, 0};
+    kestrel::quire::ConnectionParams params{
+        0, QString::fromLatin1(kestrel::quire::DocsFeedUrl), nullptr, nullptr, false, 0};
     connection.Request(params, [&](kestrel::quire::NetworkResponseInfo info, QByteArray body) {
       calls += info.status == 0 ? 1 : 100;
       seen = QByteArray(body.constData(), body.size());

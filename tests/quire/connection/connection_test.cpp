@@ -94,10 +94,9 @@ TEST_F(ConnectionTest, MethodValuesAndTheGetFallback) {
   Connection connection;
   connection.Init({});
   const std::uint32_t methods[] = {0, 1, 2, 3, 4, 5, 0xFFFFFFFFu};
-  const HttpRequest::MethodType expected[] = {HttpRequest::kGet,    HttpRequest::kPost,
-                                              HttpRequest::kPut,    HttpRequest::kDelete,
-                                              HttpRequest::kGet,    HttpRequest::kGet,
-                                              HttpRequest::kGet};
+  const HttpRequest::MethodType expected[] = {
+      HttpRequest::kGet, HttpRequest::kPost, HttpRequest::kPut, HttpRequest::kDelete,
+      HttpRequest::kGet, HttpRequest::kGet,  HttpRequest::kGet};
   for (std::uint32_t m : methods) {
     transport_.Enqueue(Http(200));
     connection.Request(Params(m), Record());

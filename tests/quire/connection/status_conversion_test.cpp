@@ -20,8 +20,8 @@ class StatusConversionTest : public quire_test::ScriptedTest {
     Connection connection;
     connection.Init({});
     transport_.Enqueue(code);
-    ConnectionParams params{0, QStringLiteral("https://docs.quire.example/x"), nullptr, nullptr,
-                            false, 0};
+    ConnectionParams params{
+        0, QStringLiteral("https://docs.quire.example/x"), nullptr, nullptr, false, 0};
     int status = -1;
     int calls = 0;
     connection.Request(params, [&](NetworkResponseInfo info, QByteArray) {
@@ -36,11 +36,10 @@ class StatusConversionTest : public quire_test::ScriptedTest {
 
 TEST_F(StatusConversionTest, Boundaries) {
   const std::vector<std::pair<std::uint32_t, int>> table = {
-      {0x00000000u, 0},   {0x000A00C8u, 0},   {0x000A00C9u, 0},   {0x000A012Bu, 0},
-      {0x000A012Cu, 300}, {0x000A012Du, 2},   {0x000A012Eu, 302}, {0x000A012Fu, 2},
-      {0x000A0130u, 2},   {0x000A0131u, 2},   {0x000A0133u, 2},   {0x000A0134u, 308},
-      {0x000A0135u, 2},   {0xC00A018Fu, 2},   {0xC00A01A1u, 2},   {0xC00A01F3u, 2},
-      {0xC00A01FAu, 2},   {0xFFFFFFFFu, 2},   {0xC0010005u, 2},   {0x000A00CCu, 0},
+      {0x00000000u, 0}, {0x000A00C8u, 0},   {0x000A00C9u, 0}, {0x000A012Bu, 0}, {0x000A012Cu, 300},
+      {0x000A012Du, 2}, {0x000A012Eu, 302}, {0x000A012Fu, 2}, {0x000A0130u, 2}, {0x000A0131u, 2},
+      {0x000A0133u, 2}, {0x000A0134u, 308}, {0x000A0135u, 2}, {0xC00A018Fu, 2}, {0xC00A01A1u, 2},
+      {0xC00A01F3u, 2}, {0xC00A01FAu, 2},   {0xFFFFFFFFu, 2}, {0xC0010005u, 2}, {0x000A00CCu, 0},
   };
   for (const auto& [code, expected] : table) {
     EXPECT_EQ(StatusFor(code), expected) << std::hex << "code 0x" << code;
