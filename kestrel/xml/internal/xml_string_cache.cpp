@@ -119,6 +119,9 @@ const char* XmlStringCache::CopyKey(const char* text, std::size_t size) {
 }
 
 QString XmlStringCache::Get(const char* text, std::size_t size) {
+  // An empty text may come without storage (a null pointer), which must never reach memcpy; every
+  // empty text converts the same way, whatever pointer it came with.
+  if (size == 0) return QString::fromUtf8("", 0);
   const std::uint32_t hash = HashBytes(text, size);
   Slot& slot = slots_[hash & mask_];
   if (slot.hash == hash && slot.size == size && SameBytes(slot.key, text, size)) {
