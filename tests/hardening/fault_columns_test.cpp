@@ -1,5 +1,5 @@
 // The columns of the fault matrix that take seconds; the delay past the time-out is in
-// fault_delay_test.cpp.
+// fault_delay_test.cpp and the 200 MB feed in fault_huge_feed_test.cpp.
 #include "tests/hardening/fault_matrix_test.h"
 
 namespace quire_hardening {
@@ -38,10 +38,6 @@ TEST_F(FaultMatrixTest, RangeBeyondTheData) { RunColumn(Fault::kRangeBeyondData,
 TEST_F(FaultMatrixTest, MalformedXml) { RunColumn(Fault::kMalformedXml, true, kSeconds); }
 
 TEST_F(FaultMatrixTest, EntityBomb) { RunColumn(Fault::kEntityBomb, true, kSeconds); }
-
-// One operation at a time: each holds the 200 MB answer (and the feed and entry parsers their
-// trees) while it runs.
-TEST_F(FaultMatrixTest, HugeFeed) { RunColumn(Fault::kHugeFeed, false, 600.0); }
 
 // A 503 to the second request: the upload's POST goes through and its first PUT fails; the
 // failure reaches the caller with that PUT's id and answer, and the upload ends there.
