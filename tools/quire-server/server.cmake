@@ -1,6 +1,15 @@
 # quire-server: a local emulator of the document service, serving both of the library's host names
 # on one address. Built on Boost.Beast (HTTP/1.1 over Boost.Asio, TLS through OpenSSL), SQLite for
 # metadata and CLI11 for the command line. It shares only header-only constants with the library.
+if(QUIRE_SERVER_EXECUTABLE)
+  if(NOT EXISTS "${QUIRE_SERVER_EXECUTABLE}")
+    message(FATAL_ERROR "QUIRE_SERVER_EXECUTABLE: no such file: ${QUIRE_SERVER_EXECUTABLE}")
+  endif()
+  add_executable(quire-server IMPORTED GLOBAL)
+  set_target_properties(quire-server PROPERTIES IMPORTED_LOCATION "${QUIRE_SERVER_EXECUTABLE}")
+  return()
+endif()
+
 find_package(Boost 1.74 REQUIRED)
 find_package(OpenSSL REQUIRED)
 find_package(SQLite3 REQUIRED)
