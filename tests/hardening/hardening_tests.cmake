@@ -14,12 +14,11 @@ add_library(quire_hardening_support STATIC
   hardening/library_client.cpp
   hardening/operation_runner.cpp
   hardening/raw_listener.cpp
-  hardening/test_certificates.cpp
 )
 quire_warnings(quire_hardening_support)
 target_include_directories(quire_hardening_support PUBLIC ${PROJECT_SOURCE_DIR})
 target_link_libraries(quire_hardening_support PUBLIC
-  quire kestrel GTest::gtest OpenSSL::SSL OpenSSL::Crypto Threads::Threads)
+  quire kestrel GTest::gtest quire_test_certificates OpenSSL::SSL OpenSSL::Crypto Threads::Threads)
 
 quire_add_test(quire_security_test
   SOURCES hardening/security_test.cpp

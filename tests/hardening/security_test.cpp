@@ -23,13 +23,14 @@
 #include "tests/hardening/library_client.h"
 #include "tests/hardening/operation_runner.h"
 #include "tests/hardening/raw_listener.h"
-#include "tests/hardening/test_certificates.h"
+#include "tests/support/test_certificates.h"
 
 namespace quire_hardening {
 namespace {
 
 using kestrel::MainLoop;
 using kestrel::quire::NetworkResponseInfo;
+using quire_test::TestCertificates;
 
 constexpr char kServiceNames[] = "DNS:docs.quire.example,DNS:api.quire.example,IP:127.0.0.1";
 constexpr long kDay = 24 * 3600;

@@ -4,6 +4,8 @@
 
 #include <string>
 
+#include "tests/support/test_certificates.h"
+
 namespace curl_test {
 
 class CurlTestCertificates {
@@ -11,21 +13,17 @@ class CurlTestCertificates {
   // Makes the files; `ok()` tells whether that worked. The server certificate names localhost,
   // docs.quire.example, api.quire.example and 127.0.0.1, and is signed by the authority.
   CurlTestCertificates();
-  ~CurlTestCertificates();
   CurlTestCertificates(const CurlTestCertificates&) = delete;
   CurlTestCertificates& operator=(const CurlTestCertificates&) = delete;
 
-  bool ok() const { return ok_; }
-  const std::string& ca_file() const { return ca_file_; }
-  const std::string& certificate_file() const { return certificate_file_; }
-  const std::string& key_file() const { return key_file_; }
+  bool ok() const { return certificates_.ok() && !server_.certificate_file.empty(); }
+  const std::string& ca_file() const { return certificates_.authority_file(); }
+  const std::string& certificate_file() const { return server_.certificate_file; }
+  const std::string& key_file() const { return server_.key_file; }
 
  private:
-  bool ok_ = false;
-  std::string folder_;
-  std::string ca_file_;
-  std::string certificate_file_;
-  std::string key_file_;
+  quire_test::TestCertificates certificates_;
+  quire_test::TestCertificates::Server server_;
 };
 
 }  // namespace curl_test

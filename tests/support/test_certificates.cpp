@@ -1,4 +1,4 @@
-#include "tests/hardening/test_certificates.h"
+#include "tests/support/test_certificates.h"
 
 #include <openssl/evp.h>
 #include <openssl/pem.h>
@@ -11,7 +11,7 @@
 #include <utility>
 #include <vector>
 
-namespace quire_hardening {
+namespace quire_test {
 namespace {
 
 bool AddExtension(X509* certificate, X509* issuer, int nid, const char* value) {
@@ -75,7 +75,7 @@ TestCertificates::TestCertificates() {
   EVP_PKEY* key = EVP_EC_gen("P-256");
   if (key == nullptr) return;
   X509* authority =
-      MakeCertificate(key, "quire hardening authority", nullptr, key, 1, -3600, 30L * 24 * 3600,
+      MakeCertificate(key, "quire test authority", nullptr, key, 1, -3600, 30L * 24 * 3600,
                       {{NID_basic_constraints, "critical,CA:TRUE"},
                        {NID_key_usage, "critical,keyCertSign,cRLSign"},
                        {NID_subject_key_identifier, "hash"}});
@@ -122,4 +122,4 @@ TestCertificates::Server TestCertificates::Make(const std::string& name,
   return server;
 }
 
-}  // namespace quire_hardening
+}  // namespace quire_test

@@ -5,7 +5,7 @@
 
 #include <string>
 
-namespace quire_hardening {
+namespace quire_test {
 
 class TestCertificates {
  public:
@@ -36,4 +36,4 @@ class TestCertificates {
   void* authority_key_ = nullptr;  // EVP_PKEY*
 };
 
-}  // namespace quire_hardening
+}  // namespace quire_test
