@@ -16,10 +16,10 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
 #include <string>
 #include <vector>
 
+#include "bench/suite/bench_common.h"
 #include "kestrel/base/main_loop.h"
 #include "kestrel/base/memory_manager.h"
 #include "kestrel/net/network_status.h"
@@ -35,27 +35,10 @@ using kestrel::net::ScriptedTransport;
 using kestrel::quire::Connection;
 using kestrel::quire::ConnectionUtils;
 using kestrel::quire::NetworkResponseInfo;
+using quire_bench::ResetPeakRss;
+using quire_bench::StatusKiB;
 
 constexpr long long kMiB = 1024 * 1024;
-
-// A field of /proc/self/status in kB, or -1.
-long long StatusKiB(const char* field) {
-  std::ifstream status("/proc/self/status");
-  std::string line;
-  const std::string key = std::string(field) + ":";
-  while (std::getline(status, line)) {
-    if (line.compare(0, key.size(), key) == 0) return std::atoll(line.c_str() + key.size());
-  }
-  return -1;
-}
-
-// Sets the peak resident size back to the current one; false when the kernel does not allow it.
-bool ResetPeakRss() {
-  std::FILE* file = std::fopen("/proc/self/clear_refs", "w");
-  if (file == nullptr) return false;
-  const bool ok = std::fputs("5", file) >= 0;
-  return std::fclose(file) == 0 && ok;
-}
 
 QString LineValue(const ScriptedTransport::Seen& seen, const char* name) {
   const QString key = QString::fromLatin1(name) + QStringLiteral(": ");
