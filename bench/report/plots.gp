@@ -32,7 +32,7 @@ if (mode eq 'chunk') {
   set yrange [0:*]
   file = data.'/chunk_'.scheme.'.dat'
   plot file using 1:2:3:4 with yerrorlines ls 1 title 'quire, ConnectionUtils::ResumableUpload', \
-       file using 1:5:6:7 with yerrorlines ls 2 title 'curl -T, the whole file in one PUT'
+       file using 1:5:6:7 with yerrorlines ls 4 title 'curl -T, the whole file in one PUT'
 }
 if (mode eq 'feed') {
   set title 'Feed parse and delete, CPU time, median and range of the rounds'
