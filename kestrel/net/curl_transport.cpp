@@ -125,9 +125,7 @@ class BodyStorage : public ByteBuffer::StorageSource {
         kept_bytes_ += size;
         // The oldest go first.
         while (blocks_.size() > kMaxRecycledBlocks || kept_bytes_ > kMaxRecycledBytes) {
-          dropped.push_back(blocks_.front().data);
-          kept_bytes_ -= blocks_.front().size;
-          blocks_.erase(blocks_.begin());
+          dropped.push_back(PopOldest());
         }
       } else {
         dropped.push_back(data);
@@ -144,11 +142,7 @@ class BodyStorage : public ByteBuffer::StorageSource {
       std::lock_guard<std::mutex> lock(mutex_);
       if (blocks_.empty()) return;
       const auto oldest = std::chrono::steady_clock::now() - kRecycledLifetime;
-      while (!blocks_.empty() && blocks_.front().released < oldest) {
-        dropped.push_back(blocks_.front().data);
-        kept_bytes_ -= blocks_.front().size;
-        blocks_.erase(blocks_.begin());
-      }
+      while (!blocks_.empty() && blocks_.front().released < oldest) dropped.push_back(PopOldest());
     }
     for (char* block : dropped) MemoryManager::Default()->Free(block);
   }
@@ -156,14 +150,13 @@ class BodyStorage : public ByteBuffer::StorageSource {
   // The transport is going: every kept block is freed, blocks given back later are freed at once,
   // and the transport's reference is dropped.
   void Close() {
-    std::vector<Block, MMAlloc<Block>> dropped;
+    std::vector<char*, MMAlloc<char*>> dropped;
     {
       std::lock_guard<std::mutex> lock(mutex_);
       open_ = false;
-      dropped.swap(blocks_);
-      kept_bytes_ = 0;
+      while (!blocks_.empty()) dropped.push_back(PopOldest());
     }
-    for (const Block& block : dropped) MemoryManager::Default()->Free(block.data);
+    for (char* block : dropped) MemoryManager::Default()->Free(block);
     Unref();
   }
 
@@ -175,6 +168,15 @@ class BodyStorage : public ByteBuffer::StorageSource {
     std::size_t size;
     std::chrono::steady_clock::time_point released;
   };
+
+  // Takes the block released first out of the kept ones; the caller holds mutex_ and frees the
+  // memory after letting go of it.
+  char* PopOldest() {
+    char* data = blocks_.front().data;
+    kept_bytes_ -= blocks_.front().size;
+    blocks_.erase(blocks_.begin());
+    return data;
+  }
 
   void Unref() {
     if (references_.fetch_sub(1, std::memory_order_acq_rel) == 1) doDelete(this);
@@ -345,9 +347,14 @@ std::uint32_t StatusForError(CURLcode code) {
   }
 }
 
+// Hands the latest header line of the response, if any, to the request.
+void FlushLastLine(Transfer* transfer) {
+  if (!transfer->last_line.isNull()) transfer->http->AddResponseHeader(transfer->last_line);
+}
+
 // Keeps `line` as the latest header line of the response, handing the one before to the request.
 void KeepLine(Transfer* transfer, QString line) {
-  if (!transfer->last_line.isNull()) transfer->http->AddResponseHeader(transfer->last_line);
+  FlushLastLine(transfer);
   transfer->last_line = std::move(line);
 }
 
@@ -772,7 +779,7 @@ void CurlTransport::Impl::Finish(Transfer* transfer, std::uint32_t code) {
 
   HttpRequest* http = transfer->http;
   http->SetResponseStatus(code);
-  if (!transfer->last_line.isNull()) http->AddResponseHeader(transfer->last_line);
+  FlushLastLine(transfer);
   // From here on the request belongs to the main loop; the handle is recycled meanwhile.
   PostCompletion(transfer->request);
   if (easy != nullptr) {

@@ -52,6 +52,7 @@ thread_local BaseCache cache;
 
 QUrl UrlFromAttribute(const QString& text) {
   if (text.isEmpty()) return QUrl();
+  const auto whole = [&text] { return QUrl::fromEncoded(text.toLatin1()); };  // the long road
   const QChar* chars = text.constData();
   const qsizetype size = text.size();
   // Only ASCII: then text.toLatin1() holds the same characters, and QUrl reads them unchanged.
@@ -60,19 +61,19 @@ QUrl UrlFromAttribute(const QString& text) {
   qsizetype query = -1;      // the '?' that starts the query
   for (qsizetype i = 0; i < size; ++i) {
     const char16_t c = chars[i].unicode();
-    if (c >= 0x80 || c == '#') return QUrl::fromEncoded(text.toLatin1());
+    if (c >= 0x80 || c == '#') return whole();
     if (separator < 0) {
       if (c == ':') {
         if (i + 2 >= size || chars[i + 1] != QLatin1Char('/') || chars[i + 2] != QLatin1Char('/')) {
-          return QUrl::fromEncoded(text.toLatin1());
+          return whole();
         }
         separator = i;
         i += 2;
       } else if (c == '/' || c == '?') {
-        return QUrl::fromEncoded(text.toLatin1());
+        return whole();
       }
     } else if (path < 0) {
-      if (c == '?') return QUrl::fromEncoded(text.toLatin1());
+      if (c == '?') return whole();
       if (c == '/') path = i;
     } else if (query < 0 && c == '?') {
       query = i;
@@ -80,10 +81,10 @@ QUrl UrlFromAttribute(const QString& text) {
   }
   // A path is needed after a non-empty authority; an empty query ("...?") keeps the long road.
   if (separator <= 0 || path < 0 || path == separator + 3 || query == size - 1) {
-    return QUrl::fromEncoded(text.toLatin1());
+    return whole();
   }
   const Base& base = cache.Find(QStringView(chars, path));
-  if (!base.usable) return QUrl::fromEncoded(text.toLatin1());
+  if (!base.usable) return whole();
   QUrl url = base.url;
   if (query < 0) {
     url.setPath(text.mid(path), QUrl::TolerantMode);
