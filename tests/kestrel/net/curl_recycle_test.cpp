@@ -4,7 +4,9 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <cstdint>
 #include <thread>
+#include <vector>
 
 #include "kestrel/base/main_loop.h"
 #include "kestrel/base/memory_manager.h"
@@ -28,22 +30,26 @@ struct Seen {
 
 class CurlRecycleTest : public CurlTest {
  protected:
-  // Issues a GET of `size` pattern bytes; the callback records what it saw into `*seen`.
-  void Issue(kestrel::quire::Connection* connection, std::size_t size, Seen* seen) {
-    kestrel::quire::ConnectionParams params{kestrel::quire::kMethodGet,
-                                            DocsUrl(QStringLiteral("/bytes/%1").arg(size)),
-                                            nullptr,
-                                            nullptr,
-                                            false,
-                                            0};
-    connection->Request(params, [seen](kestrel::quire::NetworkResponseInfo info, QByteArray body) {
-      ++seen->calls;
-      seen->status = info.status;
-      seen->size = static_cast<std::size_t>(body.size());
-      seen->pattern = FindPatternMismatch(body.constData(), 0, seen->size) == seen->size;
-      seen->live_bytes = kestrel::MemoryManager::Default()->live_bytes();
-      seen->data = body.constData();
-    });
+  // Issues a GET of `size` bytes of the pattern from its byte `from` on; the callback records what
+  // it saw into `*seen`.
+  void Issue(kestrel::quire::Connection* connection, std::size_t size, Seen* seen,
+             std::uint64_t from = 0) {
+    kestrel::quire::ConnectionParams params{
+        kestrel::quire::kMethodGet,
+        DocsUrl(QStringLiteral("/bytes/%1?from=%2").arg(size).arg(from)),
+        nullptr,
+        nullptr,
+        false,
+        0};
+    connection->Request(
+        params, [seen, from](kestrel::quire::NetworkResponseInfo info, QByteArray body) {
+          ++seen->calls;
+          seen->status = info.status;
+          seen->size = static_cast<std::size_t>(body.size());
+          seen->pattern = FindPatternMismatch(body.constData(), from, seen->size) == seen->size;
+          seen->live_bytes = kestrel::MemoryManager::Default()->live_bytes();
+          seen->data = body.constData();
+        });
   }
 
   // One GET of `size` bytes, run to its end (request released); returns what the callback saw.
@@ -97,16 +103,40 @@ TEST_F(CurlRecycleTest, SmallBodiesDoNotUseRecycledStorage) {
 }
 
 TEST_F(CurlRecycleTest, BodiesAliveAtTheSameTimeHaveTheirOwnStorage) {
-  Download(4 * kMiB);
+  Download(4 * kMiB);  // leaves a block with the transport
   auto connection = MakeConnection();
-  std::vector<Seen> seen(3);
-  for (Seen& one : seen) Issue(connection.get(), 4 * kMiB, &one);
+  // Three bodies of the same size with different bytes: each is a different stretch of the pattern.
+  constexpr std::size_t kBodies = 3;
+  std::vector<Seen> seen(kBodies);
+  for (std::size_t i = 0; i < kBodies; ++i) {
+    Issue(connection.get(), 4 * kMiB, &seen[i], i * 4 * kMiB + 8 * (i + 1));
+  }
+  // Every transfer ends before any callback runs, so that every body is alive (held by a request
+  // that has not been released yet) while the others are received.
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+  while (transport_->in_flight() > 0 && std::chrono::steady_clock::now() < deadline) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
+  ASSERT_EQ(transport_->in_flight(), 0u);
+  for (const Seen& one : seen) EXPECT_EQ(one.calls, 0);
   RunUntil([&seen] { return seen[0].calls > 0 && seen[1].calls > 0 && seen[2].calls > 0; });
   kestrel::MainLoop::Default()->RunUntilIdle();
-  for (const Seen& one : seen) {
-    EXPECT_EQ(one.calls, 1);
-    EXPECT_EQ(one.status, 0);
-    EXPECT_TRUE(one.pattern);
+  for (std::size_t i = 0; i < kBodies; ++i) {
+    SCOPED_TRACE(testing::Message() << "body " << i);
+    EXPECT_EQ(seen[i].calls, 1);
+    EXPECT_EQ(seen[i].status, 0);
+    EXPECT_EQ(seen[i].size, 4 * kMiB);
+    // A body whose storage another body shared would hold the other's bytes.
+    EXPECT_TRUE(seen[i].pattern);
+  }
+  // No two bodies' storage overlaps.
+  for (std::size_t i = 0; i < kBodies; ++i) {
+    for (std::size_t j = i + 1; j < kBodies; ++j) {
+      const auto a = reinterpret_cast<std::uintptr_t>(seen[i].data);
+      const auto b = reinterpret_cast<std::uintptr_t>(seen[j].data);
+      EXPECT_TRUE(a + seen[i].size <= b || b + seen[j].size <= a)
+          << "bodies " << i << " and " << j << " share storage";
+    }
   }
 }
 

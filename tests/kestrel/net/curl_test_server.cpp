@@ -67,17 +67,19 @@ CurlTestServer::CurlTestServer(const std::string& certificate_file, const std::s
 
   server.Get(R"(/bytes/(\d+))", [](const httplib::Request& request, httplib::Response& response) {
     const std::size_t size = std::stoull(request.matches[1]);
+    const std::uint64_t from =
+        request.has_param("from") ? std::stoull(request.get_param_value("from")) : 0;
     if (size <= kChunk) {
       std::string body(size, '\0');
-      FillPattern(&body[0], 0, size);
+      FillPattern(&body[0], from, size);
       response.set_content(body, "application/octet-stream");
       return;
     }
     response.set_content_provider(
         size, "application/octet-stream",
-        [](std::size_t offset, std::size_t length, httplib::DataSink& sink) {
+        [from](std::size_t offset, std::size_t length, httplib::DataSink& sink) {
           std::vector<char> chunk(std::min(length, kChunk));
-          FillPattern(chunk.data(), offset, chunk.size());
+          FillPattern(chunk.data(), from + offset, chunk.size());
           return sink.write(chunk.data(), chunk.size());
         });
   });

@@ -1,7 +1,8 @@
 // A small HTTPS server on 127.0.0.1 for the transport's tests, run on threads of its own:
 //   GET  /status/<n>   answers status n with the body "status <n>" (none for 204 and 304), the line
 //                      "X-Status: <n>", and "Location: /status/200" for 3xx;
-//   GET  /bytes/<n>    answers 200 with n bytes of the test pattern;
+//   GET  /bytes/<n>    answers 200 with n bytes of the test pattern; with ?from=<k>, the pattern's
+//                      bytes [k, k + n) instead of [0, n);
 //   GET  /truncated    announces 1 MiB and closes the connection after 64 KiB;
 //   PUT or POST /upload  checks that the body is the test pattern and answers "match <size>" or
 //                      "mismatch at <offset> of <size>";
