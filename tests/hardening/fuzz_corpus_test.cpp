@@ -1,44 +1,44 @@
-// The fuzzers' seed inputs, the ones that once found bugs included, through the same code in every
-// build of the test suite (plain, sanitizers, Qt 5), so that a fixed bug stays fixed where no
-// fuzzer runs.
+// The fuzzers' seed inputs, the ones that once found bugs included, through the same code and the
+// same checks as their fuzzer's (fuzz/fuzz_checks.cpp), in every build of the test suite (plain,
+// sanitizers, Qt 5), so that a fixed bug stays fixed where no fuzzer runs.
 #include <gtest/gtest.h>
 
 #include <QByteArray>
 #include <QDir>
 #include <QFile>
 #include <QString>
-#include <vector>
+#include <QStringList>
+#include <cstddef>
+#include <cstdint>
+#include <string>
 
+#include "fuzz/fuzz_checks.h"
 #include "kestrel/base/memory_manager.h"
 #include "kestrel/xml/xml_reader.h"
-#include "quire/model/docs_entry.h"
-#include "quire/model/docs_feed.h"
-#include "quire/services/user_info_service.h"
 
 namespace quire_hardening {
 namespace {
 
-// Every file of one seed folder.
-std::vector<QByteArray> Corpus(const char* target) {
-  std::vector<QByteArray> inputs;
-  const QDir folder(QStringLiteral(QUIRE_FUZZ_CORPUS_DIR "/") + QLatin1String(target));
-  for (const QString& name : folder.entryList(QDir::Files, QDir::Name)) {
-    QFile file(folder.filePath(name));
-    if (file.open(QIODevice::ReadOnly)) inputs.push_back(file.readAll());
-  }
-  return inputs;
-}
+using Check = const char* (*)(const std::uint8_t* data, std::size_t size);
 
-// The e-mail handler is called directly; nothing is sent.
-class NullConnection : public kestrel::quire::IConnection {
- public:
-  void Init(const std::vector<QString>&) override {}
-  unsigned int Request(const kestrel::quire::ConnectionParams&,
-                       kestrel::quire::ResponseCallback) override {
-    return 0;
-  }
-  void Cancel(unsigned int) override {}
+// One fuzz target's seed folder, fuzz/corpus/<target>, and its checks.
+struct Target {
+  const char* name;
+  Check check;
+  std::size_t seeds;  // at least this many seed files (a folder that loses its seeds fails)
 };
+
+constexpr Target kTargets[] = {
+    {"xml_reader_fuzz", quire_fuzz::CheckXmlReaderInput, 600},
+    {"feed_parse_fuzz", quire_fuzz::CheckFeedParseInput, 700},
+    {"user_email_fuzz", quire_fuzz::CheckUserEmailInput, 7},
+    {"upload_headers_fuzz", quire_fuzz::CheckUploadHeadersInput, 60},
+    {"resumable_upload_fuzz", quire_fuzz::CheckResumableUploadInput, 100},
+};
+
+QDir CorpusFolder(const char* target) {
+  return QDir(QStringLiteral(QUIRE_FUZZ_CORPUS_DIR "/") + QLatin1String(target));
+}
 
 class FuzzCorpusTest : public ::testing::Test {
  protected:
@@ -47,50 +47,78 @@ class FuzzCorpusTest : public ::testing::Test {
     EXPECT_EQ(kestrel::MemoryManager::Default()->live_allocations(), live_at_start_);
   }
 
+  // Runs every seed of `target`'s folder through `check`; a seed whose checks fail is named with
+  // the property it broke. Returns the number of seeds run.
+  static std::size_t Replay(const char* target, Check check) {
+    const QDir folder = CorpusFolder(target);
+    std::size_t seeds = 0;
+    for (const QString& name : folder.entryList(QDir::Files, QDir::Name)) {
+      QFile file(folder.filePath(name));
+      if (!file.open(QIODevice::ReadOnly)) {
+        ADD_FAILURE() << "cannot read " << file.fileName().toStdString();
+        continue;
+      }
+      const QByteArray input = file.readAll();
+      EXPECT_STREQ(check(reinterpret_cast<const std::uint8_t*>(input.constData()),
+                         static_cast<std::size_t>(input.size())),
+                   nullptr)
+          << target << "/" << name.toStdString();
+      ++seeds;
+    }
+    return seeds;
+  }
+
+  // Replays the seeds of the target called `name` with its own checks.
+  static void ReplayTarget(const char* name) {
+    for (const Target& target : kTargets) {
+      if (std::string(target.name) != name) continue;
+      EXPECT_GE(Replay(target.name, target.check), target.seeds) << target.name;
+      return;
+    }
+    FAIL() << "no fuzz target called " << name;
+  }
+
  private:
   long live_at_start_ = 0;
 };
 
-// Parses `input` as the feed parser's fuzzer does, with the same checks.
-void ParseAsFeedAndEntry(const QByteArray& input) {
-  kestrel::XmlReader reader(input);
-  kestrel::XmlNode* root = reader.GetRootNode();
-  EXPECT_FALSE(reader.GetErrorsOccurred() && root != nullptr);
-  auto* feed = kestrel::doNew<kestrel::quire::DocsFeed>();
-  EXPECT_EQ(feed->ParseFrom(root), root != nullptr && root->name == QLatin1String("feed"));
-  kestrel::doDelete(feed);
-  auto* entry = kestrel::doNew<kestrel::quire::DocsEntry>();
-  EXPECT_EQ(entry->ParseFrom(root), root != nullptr && root->name == QLatin1String("entry"));
-  EXPECT_TRUE(entry->reserved_strings.isEmpty());
-  kestrel::doDelete(entry);
+TEST_F(FuzzCorpusTest, EveryCorpusFolderIsReplayed) {
+  QStringList replayed;
+  for (const Target& target : kTargets) replayed << QLatin1String(target.name);
+  replayed.sort();
+  const QStringList folders = QDir(QStringLiteral(QUIRE_FUZZ_CORPUS_DIR))
+                                  .entryList(QDir::Dirs | QDir::NoDotAndDotDot, QDir::Name);
+  EXPECT_EQ(folders.join(QLatin1Char(' ')).toStdString(),
+            replayed.join(QLatin1Char(' ')).toStdString());
 }
 
-TEST_F(FuzzCorpusTest, XmlSeedsParseWithoutFault) {
-  std::size_t inputs = 0;
-  for (const char* target : {"xml_reader_fuzz", "feed_parse_fuzz"}) {
-    for (const QByteArray& input : Corpus(target)) {
-      ParseAsFeedAndEntry(input);
-      ++inputs;
-    }
-  }
-  EXPECT_GE(inputs, 8u);
+TEST_F(FuzzCorpusTest, XmlReaderSeedsKeepEveryCheck) { ReplayTarget("xml_reader_fuzz"); }
+
+TEST_F(FuzzCorpusTest, FeedParseSeedsKeepEveryCheck) { ReplayTarget("feed_parse_fuzz"); }
+
+TEST_F(FuzzCorpusTest, UserEmailSeedsKeepEveryCheck) { ReplayTarget("user_email_fuzz"); }
+
+TEST_F(FuzzCorpusTest, UploadHeadersSeedsKeepEveryCheck) { ReplayTarget("upload_headers_fuzz"); }
+
+TEST_F(FuzzCorpusTest, ResumableUploadSeedsKeepEveryCheck) {
+  ReplayTarget("resumable_upload_fuzz");
 }
 
-TEST_F(FuzzCorpusTest, EmailSeedsGiveAnAddressOrStatus1) {
-  const std::vector<QByteArray> inputs = Corpus("user_email_fuzz");
-  ASSERT_FALSE(inputs.empty());
-  kestrel::quire::UserInfoService service(new NullConnection);
-  for (const QByteArray& body : inputs) {
-    int calls = 0;
-    service.GetUserEmailDone(
-        [&](kestrel::quire::NetworkResponseInfo info, QString email) {
-          ++calls;
-          EXPECT_EQ(info.status == 0, !email.isEmpty());
-          EXPECT_TRUE(info.status == 0 || info.status == 1);
-        },
-        kestrel::quire::NetworkResponseInfo{7, 0, nullptr}, body);
-    EXPECT_EQ(calls, 1);
-  }
+// The two XML corpora through each other's checks as well: both targets read any bytes as a
+// document.
+TEST_F(FuzzCorpusTest, XmlSeedsKeepTheOtherXmlTargetsChecks) {
+  EXPECT_GT(Replay("xml_reader_fuzz", quire_fuzz::CheckFeedParseInput), 0u);
+  EXPECT_GT(Replay("feed_parse_fuzz", quire_fuzz::CheckXmlReaderInput), 0u);
+}
+
+// The depth check's bound is the reader's: the deepest tree the reader accepts passes it.
+TEST_F(FuzzCorpusTest, DepthCheckAcceptsTheDeepestTreeTheReaderReads) {
+  std::string deepest;
+  for (int i = 0; i < kestrel::XmlReader::kMaxDepth; ++i) deepest += "<d>";
+  for (int i = 0; i < kestrel::XmlReader::kMaxDepth; ++i) deepest += "</d>";
+  EXPECT_STREQ(quire_fuzz::CheckXmlReaderInput(
+                   reinterpret_cast<const std::uint8_t*>(deepest.data()), deepest.size()),
+               nullptr);
 }
 
 // Found by the XML reader's fuzzer: text made of an empty CDATA section followed by a character

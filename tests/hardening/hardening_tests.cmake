@@ -3,9 +3,24 @@
 find_package(OpenSSL REQUIRED)
 find_package(Threads REQUIRED)
 
+# The fuzz targets' checks (fuzz/fuzz_checks.cpp) read their inputs with libFuzzer's
+# FuzzedDataProvider, a header that comes with clang's compiler-rt; it is copied alone into the
+# build tree so that compilers other than clang see none of clang's own headers.
+file(GLOB QUIRE_FUZZED_DATA_PROVIDER
+  /usr/lib/llvm-*/lib/clang/*/include/fuzzer/FuzzedDataProvider.h)
+if(NOT QUIRE_FUZZED_DATA_PROVIDER)
+  message(FATAL_ERROR "fuzzer/FuzzedDataProvider.h (Debian package libclang-rt-14-dev) is "
+    "missing: run scripts/setup")
+endif()
+list(GET QUIRE_FUZZED_DATA_PROVIDER 0 QUIRE_FUZZED_DATA_PROVIDER)
+configure_file(${QUIRE_FUZZED_DATA_PROVIDER}
+  ${CMAKE_CURRENT_BINARY_DIR}/fuzz_include/fuzzer/FuzzedDataProvider.h COPYONLY)
+
 quire_add_test(quire_fuzz_corpus_test
-  SOURCES hardening/fuzz_corpus_test.cpp
+  SOURCES hardening/fuzz_corpus_test.cpp ${PROJECT_SOURCE_DIR}/fuzz/fuzz_checks.cpp
   LIBS quire_test_support)
+target_include_directories(quire_fuzz_corpus_test SYSTEM PRIVATE
+  ${CMAKE_CURRENT_BINARY_DIR}/fuzz_include)
 target_compile_definitions(quire_fuzz_corpus_test PRIVATE
   QUIRE_FUZZ_CORPUS_DIR="${PROJECT_SOURCE_DIR}/fuzz/corpus")
 
