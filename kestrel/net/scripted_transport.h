@@ -104,6 +104,8 @@ class KESTREL_EXPORT ScriptedTransport : public ITransport {
   std::size_t completed() const;
   /// The number of requests started and not yet completed.
   std::size_t in_flight() const { return started_ - completed(); }
+  /// The number of queued answers that no request has taken yet.
+  std::size_t queued() const { return answers_.size(); }
   /// Where the body of the most recently completed answer was placed (the response buffer), or
   /// null when it had none.
   const char* last_response_data() const;

@@ -16,7 +16,8 @@
 namespace quire_test {
 
 // Installs a fresh ScriptedTransport for every test and, at the end, drains the main loop and
-// verifies that nothing the test allocated through the memory manager is still alive.
+// verifies that every scripted answer was asked for and that nothing the test allocated through
+// the memory manager is still alive.
 class ScriptedTest : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -29,6 +30,7 @@ class ScriptedTest : public ::testing::Test {
     RunUntilIdle();
     kestrel::net::TransportRegistry::SetDefault(nullptr);
     EXPECT_EQ(transport_.in_flight(), 0u) << "requests still in flight at the end of the test";
+    EXPECT_EQ(transport_.queued(), 0u) << "scripted answers that no request asked for";
     EXPECT_EQ(kestrel::MemoryManager::Default()->live_allocations(), live_at_start_)
         << "the memory manager's live allocations did not come back to where they started";
   }
