@@ -3,9 +3,13 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <string>
 #include <vector>
+
+#include "tests/support/guard_death_test.h"
 
 namespace {
 
@@ -116,14 +120,36 @@ TEST(MemoryManagerTest, AllocatorAdaptorUsesTheManager) {
   EXPECT_EQ(mm->live_allocations(), live);
 }
 
+// A manager that stops the process as soon as a block is handed back to where it came from: a free
+// that got past the manager's own check of the block ends here, not in the C library's abort.
+class StopAtDeallocate : public MemoryManager {
+ protected:
+  void Deallocate(void*) override {
+    std::fputs("Deallocate was reached\n", stderr);
+    std::_Exit(87);
+  }
+};
+
 TEST(MemoryManagerDeathTest, FreeingForeignMemoryAborts) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
-  EXPECT_DEATH(
-      {
-        alignas(16) static unsigned char bytes[64] = {};
-        MemoryManager::Default()->Free(bytes + 16);
-      },
-      "");
+  EXPECT_GUARD_ABORT({
+    alignas(16) static unsigned char bytes[64] = {};
+    MemoryManager::Default()->Free(bytes + 16);
+  });
+  EXPECT_GUARD_ABORT({
+    alignas(16) static unsigned char bytes[64] = {};
+    StopAtDeallocate manager;
+    manager.Free(bytes + 16);
+  });
+}
+
+TEST(MemoryManagerDeathTest, FreeingAnotherManagersBlockAborts) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  EXPECT_GUARD_ABORT({
+    StopAtDeallocate owner;
+    StopAtDeallocate other;
+    other.Free(owner.Malloc(8));
+  });
 }
 
 }  // namespace

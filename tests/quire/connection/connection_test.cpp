@@ -4,6 +4,7 @@
 
 #include <memory>
 
+#include "tests/support/guard_death_test.h"
 #include "tests/support/test_support.h"
 
 namespace {
@@ -353,15 +354,13 @@ using ConnectionDeathTest = ConnectionTest;
 
 TEST_F(ConnectionDeathTest, CallingAnEmptyCallbackAborts) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
-  EXPECT_DEATH(
-      {
-        Connection connection;
-        connection.Init({});
-        transport_.Enqueue(Http(200));
-        connection.Request(Params(), kestrel::quire::ResponseCallback());
-        kestrel::MainLoop::Default()->RunUntilIdle();
-      },
-      "");
+  EXPECT_GUARD_ABORT({
+    Connection connection;
+    connection.Init({});
+    transport_.Enqueue(Http(200));
+    connection.Request(Params(), kestrel::quire::ResponseCallback());
+    kestrel::MainLoop::Default()->RunUntilIdle();
+  });
 }
 
 }  // namespace

@@ -7,6 +7,7 @@
 #include "quire/services/endpoints.h"
 #include "tests/quire/model/sample_documents.h"
 #include "tests/quire/services/recording_connection.h"
+#include "tests/support/guard_death_test.h"
 #include "tests/support/test_support.h"
 
 namespace {
@@ -493,18 +494,16 @@ TEST_F(DocsServiceTest, EmptyCallbacksAbortWhenTheyWouldBeCalled) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
   const NetworkResponseInfo ok{1, 0, nullptr};
   const NetworkResponseInfo failed{1, 404, nullptr};
-  EXPECT_DEATH(service_.GetFeedDone(FeedCallback(), ok, quire_test::FeedDocument(1)), "");
-  EXPECT_DEATH(service_.GetFeedDone(FeedCallback(), failed, QByteArray()), "");
-  EXPECT_DEATH(service_.GetEntryContentDone(ResponseCallback(), ok, "x"), "");
-  EXPECT_DEATH(service_.EntryModifyDone(EntryCallback(), ok, quire_test::EntryDocument(1)), "");
-  EXPECT_DEATH(service_.EntryModifyDone(EntryCallback(), failed, QByteArray()), "");
-  EXPECT_DEATH(service_.DeleteEntryDone(DeleteCallback(), ok, QByteArray()), "");
-  EXPECT_DEATH(
-      {
-        service_.DeleteEntry(QUrl(QStringLiteral("https://h/e")), QString(), DeleteCallback());
-        Answer(&log_, 0, 412);
-      },
-      "");
+  EXPECT_GUARD_ABORT(service_.GetFeedDone(FeedCallback(), ok, quire_test::FeedDocument(1)));
+  EXPECT_GUARD_ABORT(service_.GetFeedDone(FeedCallback(), failed, QByteArray()));
+  EXPECT_GUARD_ABORT(service_.GetEntryContentDone(ResponseCallback(), ok, "x"));
+  EXPECT_GUARD_ABORT(service_.EntryModifyDone(EntryCallback(), ok, quire_test::EntryDocument(1)));
+  EXPECT_GUARD_ABORT(service_.EntryModifyDone(EntryCallback(), failed, QByteArray()));
+  EXPECT_GUARD_ABORT(service_.DeleteEntryDone(DeleteCallback(), ok, QByteArray()));
+  EXPECT_GUARD_ABORT({
+    service_.DeleteEntry(QUrl(QStringLiteral("https://h/e")), QString(), DeleteCallback());
+    Answer(&log_, 0, 412);
+  });
 }
 
 TEST_F(DocsServiceTest, IssuingWithAnEmptyCallbackDoesNotAbortBeforeTheAnswer) {

@@ -4,6 +4,7 @@
 
 #include "quire/services/endpoints.h"
 #include "tests/quire/services/recording_connection.h"
+#include "tests/support/guard_death_test.h"
 #include "tests/support/test_support.h"
 
 namespace {
@@ -170,18 +171,14 @@ TEST_F(UserInfoServiceTest, EmptyCallbackAborts) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
   ConnectionLog log;
   UserInfoService service(new RecordingConnection(&log));
-  EXPECT_DEATH(
-      service.GetUserEmailDone(UserEmailCallback(), NetworkResponseInfo{1, 0, nullptr}, "email=a"),
-      "");
-  EXPECT_DEATH(service.GetUserEmailDone(UserEmailCallback(), NetworkResponseInfo{1, 500, nullptr},
-                                        QByteArray()),
-               "");
-  EXPECT_DEATH(
-      {
-        service.GetUserEmail(UserEmailCallback());
-        Answer(&log, 0, 0, "email=a");
-      },
-      "");
+  EXPECT_GUARD_ABORT(
+      service.GetUserEmailDone(UserEmailCallback(), NetworkResponseInfo{1, 0, nullptr}, "email=a"));
+  EXPECT_GUARD_ABORT(service.GetUserEmailDone(UserEmailCallback(),
+                                              NetworkResponseInfo{1, 500, nullptr}, QByteArray()));
+  EXPECT_GUARD_ABORT({
+    service.GetUserEmail(UserEmailCallback());
+    Answer(&log, 0, 0, "email=a");
+  });
 }
 
 // End to end, through the library's Connection over the scripted transport.

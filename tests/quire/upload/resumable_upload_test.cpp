@@ -11,6 +11,7 @@
 
 #include "quire/quire.h"
 #include "tests/quire/upload/upload_test_support.h"
+#include "tests/support/guard_death_test.h"
 #include "tests/support/test_support.h"
 
 #if QT_VERSION >= QT_VERSION_CHECK(6, 0, 0)
@@ -553,15 +554,13 @@ using ResumableUploadDeathTest = ResumableUploadTest;
 
 TEST_F(ResumableUploadDeathTest, AnEmptyCallbackAborts) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
-  EXPECT_DEATH(
-      {
-        FakeConnection connection;
-        ConnectionUtils utils(10, &connection);
-        utils.ResumableUpload(S(kPostUrl), S(kMetadata), S("a/b"), Pattern(5),
-                              kestrel::quire::ResponseCallback());
-        connection.AnswerLast(500);
-      },
-      "");
+  EXPECT_GUARD_ABORT({
+    FakeConnection connection;
+    ConnectionUtils utils(10, &connection);
+    utils.ResumableUpload(S(kPostUrl), S(kMetadata), S("a/b"), Pattern(5),
+                          kestrel::quire::ResponseCallback());
+    connection.AnswerLast(500);
+  });
 }
 
 }  // namespace
