@@ -11,6 +11,7 @@
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QTemporaryDir>
+#include <QUrl>
 #include <chrono>
 #include <iostream>
 #include <memory>
@@ -18,7 +19,9 @@
 #include <thread>
 #include <vector>
 
+#include "quire/services/endpoints.h"
 #include "tests/tools/cli/process_runner.h"
+#include "tests/tools/quire-server/http_client.h"
 #include "tools/quire/server_process.h"
 
 namespace {
@@ -56,6 +59,18 @@ std::string LastLine(const std::string& text) {
   while (!trimmed.empty() && (trimmed.back() == '\n' || trimmed.back() == '\r')) trimmed.pop_back();
   const std::size_t at = trimmed.rfind('\n');
   return at == std::string::npos ? trimmed : trimmed.substr(at + 1);
+}
+
+// The byte that "quire upload --resume" says it continued at ("...: continued at byte N, ..."), or
+// -1 when its output has no such line.
+long long ContinuedAt(const std::string& out) {
+  const std::string key = ": continued at byte ";
+  const std::size_t at = out.find(key);
+  if (at == std::string::npos) return -1;
+  std::size_t end = at + key.size();
+  while (end < out.size() && out[end] >= '0' && out[end] <= '9') ++end;
+  if (end == at + key.size() || end >= out.size() || out[end] != ',') return -1;
+  return std::stoll(out.substr(at + key.size(), end - at - key.size()));
 }
 
 class CliEndToEndTest : public ::testing::Test {
@@ -125,6 +140,19 @@ class CliEndToEndTest : public ::testing::Test {
     EXPECT_TRUE(file.open(QIODevice::WriteOnly));
     EXPECT_EQ(file.write(bytes), bytes.size());
     return path.toStdString();
+  }
+
+  // The documents feed's bytes as the emulator sends them to the library, fetched without quire.
+  std::string FetchFeed() {
+    quire_server_test::HttpClient client(QUrl(server_->url()).port(),
+                                         server_->certificate().toStdString());
+    const quire_server_test::HttpResult result =
+        client.Send("GET", kestrel::quire::DocsFeedUrl,
+                    {std::string("Quire-Version: ") + kestrel::quire::kProtocolVersion,
+                     std::string("Authorization: Bearer ") + kToken});
+    EXPECT_TRUE(result.ok());
+    EXPECT_EQ(result.status, 200) << result.body;
+    return result.body;
   }
 
   QJsonArray List() {
@@ -309,8 +337,24 @@ TEST_F(CliEndToEndTest, AStaleEntityTagIsRefusedWithExitCodeSix) {
 
 TEST_F(CliEndToEndTest, RmForceDeletesWhateverTheDocumentHolds) {
   ASSERT_EQ(Quire({"upload", Write("f.txt", "content"), "--title", "F"}).exit_code, 0);
-  const ProcessResult result = Quire({"rm", "F", "--force"});
+  // The feed as it is now, then the document changes: from here on that feed is a stale listing.
+  const std::string stale_feed = FetchFeed();
+  ASSERT_FALSE(stale_feed.empty());
+  ASSERT_EQ(Quire({"replace", "F", Write("f2.txt", "other content")}).exit_code, 0);
+  // quire lists the documents and deletes in one run; an emulator that answers every listing with
+  // the stale feed puts the change between the two.
+  StartServer(
+      {QStringLiteral("--fault-body"),
+       QString::fromStdString(Write("stale-feed.xml", QByteArray::fromStdString(stale_feed)))});
+  // A plain rm sends the entity tag it listed and is refused...
+  ProcessResult result = Quire({"rm", "F"});
+  EXPECT_EQ(result.exit_code, 6) << result.err;
+  EXPECT_NE(result.err.find("changed since it was listed"), std::string::npos) << result.err;
+  // ...rm --force sends none and deletes what the document holds now.
+  result = Quire({"rm", "F", "--force"});
   EXPECT_EQ(result.exit_code, 0) << result.err;
+  EXPECT_NE(result.out.find("deleted \"F\""), std::string::npos) << result.out;
+  StartServer();
   EXPECT_EQ(List().size(), 0);
 }
 
@@ -374,7 +418,12 @@ TEST_F(CliEndToEndTest, AnUploadCutByTheServerFinishesWithResumeByteExact) {
   ASSERT_EQ(result.exit_code, 0) << result.err;
   EXPECT_NE(result.out.find("uploaded \"Cut\""), std::string::npos) << result.out;
   // The bytes of the cut request that did arrive count: the upload goes on from there.
-  EXPECT_EQ(result.out.find("continued at byte 0,"), std::string::npos) << result.out;
+  const long long continued = ContinuedAt(result.out);
+  EXPECT_GT(continued, 0) << result.out;
+  EXPECT_LT(continued, bytes.size()) << result.out;
+  EXPECT_NE(result.out.find(", " + std::to_string(bytes.size()) + " bytes held after "),
+            std::string::npos)
+      << result.out;
   std::cout << "cut upload: " << result.out;
   EXPECT_FALSE(QFile::exists(QString::fromStdString(StateFile())));
   EXPECT_EQ(Get("Cut"), bytes);
@@ -406,7 +455,14 @@ TEST_F(CliEndToEndTest, AnUploadStoppedWithCtrlCFinishesWithResumeByteExact) {
   StartServer();
   result = Quire({"upload", "--resume"});
   ASSERT_EQ(result.exit_code, 0) << result.err;
-  EXPECT_EQ(result.out.find("continued at byte 0,"), std::string::npos) << result.out;
+  EXPECT_NE(result.out.find("uploaded \"Slow\""), std::string::npos) << result.out;
+  // The chunks sent before Ctrl-C count: the upload goes on from there.
+  const long long continued = ContinuedAt(result.out);
+  EXPECT_GT(continued, 0) << result.out;
+  EXPECT_LT(continued, bytes.size()) << result.out;
+  EXPECT_NE(result.out.find(", " + std::to_string(bytes.size()) + " bytes held after "),
+            std::string::npos)
+      << result.out;
   std::cout << "interrupted upload: " << result.out;
   EXPECT_EQ(Get("Slow"), bytes);
 }

@@ -20,7 +20,7 @@ if(TARGET quire-server AND TARGET quire_cli)
     SOURCES
       ${CMAKE_CURRENT_LIST_DIR}/cli_end_to_end_test.cpp
       ${CMAKE_CURRENT_LIST_DIR}/process_runner.cpp
-    LIBS quire_cli_core)
+    LIBS quire_cli_core quire_server_test_support)
   target_compile_definitions(quire_cli_end_to_end_test PRIVATE
     QUIRE_BINARY="$<TARGET_FILE:quire_cli>"
     QUIRE_SERVER_BINARY="$<TARGET_FILE:quire-server>")
