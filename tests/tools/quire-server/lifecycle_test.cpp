@@ -64,14 +64,28 @@ TEST_F(LifecycleTest, ListensWhereItIsTold) {
 }
 
 TEST_F(LifecycleTest, RefusesABadCommandLine) {
-  for (const std::vector<std::string>& args :
-       {std::vector<std::string>{"--listen", "nonsense:port"},
-        std::vector<std::string>{"--cert", "only-a-cert.pem"},
-        std::vector<std::string>{"--account", "a&b@example.org"},
-        std::vector<std::string>{"--no-such-option"}}) {
-    ServerProcess server(args);
-    EXPECT_FALSE(server.started()) << args[0];
-    EXPECT_NE(server.WaitForExit(10000), 0) << args[0];
+  struct Refusal {
+    std::vector<std::string> args;
+    int exit_code;       // -1: any failure (the command-line parser's own code)
+    std::string reason;  // what the message on standard error must say
+  };
+  const Refusal refusals[] = {
+      {{"--listen", "nonsense:port"}, 2, "--listen wants ADDR:PORT, got nonsense:port"},
+      {{"--cert", "only-a-cert.pem"}, 2, "--cert and --key go together"},
+      {{"--account", "a&b@example.org"}, 2, "--account must be printable without blanks"},
+      {{"--no-such-option"}, -1, "not expected: --no-such-option"},
+  };
+  for (const Refusal& refusal : refusals) {
+    ServerProcess server(refusal.args, {}, true);
+    EXPECT_FALSE(server.started()) << refusal.args[0];
+    const std::string errors = server.ErrorOutput();
+    const int exit_code = server.WaitForExit(10000);
+    if (refusal.exit_code >= 0) {
+      EXPECT_EQ(exit_code, refusal.exit_code) << refusal.args[0];
+    } else {
+      EXPECT_GT(exit_code, 0) << refusal.args[0];
+    }
+    EXPECT_NE(errors.find(refusal.reason), std::string::npos) << refusal.args[0] << ": " << errors;
   }
 }
 

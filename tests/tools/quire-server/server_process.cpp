@@ -22,9 +22,15 @@ constexpr int kStopTimeoutMs = 15000;
 }  // namespace
 
 ServerProcess::ServerProcess(const std::vector<std::string>& args,
-                             const std::vector<std::string>& environment) {
+                             const std::vector<std::string>& environment, bool capture_errors) {
   int out[2];
   if (::pipe2(out, O_CLOEXEC) != 0) return;
+  int err[2] = {-1, -1};
+  if (capture_errors && ::pipe2(err, O_CLOEXEC) != 0) {
+    ::close(out[0]);
+    ::close(out[1]);
+    return;
+  }
   std::vector<std::string> argv_text;
   argv_text.push_back(QUIRE_SERVER_BINARY);
   argv_text.insert(argv_text.end(), args.begin(), args.end());
@@ -55,16 +61,20 @@ ServerProcess::ServerProcess(const std::vector<std::string>& args,
     ::prctl(PR_SET_PDEATHSIG, SIGKILL);
     if (::getppid() != parent) ::_exit(127);
     ::dup2(out[1], STDOUT_FILENO);
+    if (err[1] >= 0) ::dup2(err[1], STDERR_FILENO);
     ::execve(argv[0], argv.data(), envp.data());
     ::_exit(127);
   }
   ::close(out[1]);
+  if (err[1] >= 0) ::close(err[1]);
   if (pid_ < 0) {
     ::close(out[0]);
+    if (err[0] >= 0) ::close(err[0]);
     pid_ = -1;
     return;
   }
   stdout_fd_ = out[0];
+  stderr_fd_ = err[0];
 
   auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(kStartTimeoutMs);
   std::string line;
@@ -93,6 +103,7 @@ ServerProcess::ServerProcess(const std::vector<std::string>& args,
 ServerProcess::~ServerProcess() {
   if (pid_ > 0) Terminate();
   if (stdout_fd_ >= 0) ::close(stdout_fd_);
+  if (stderr_fd_ >= 0) ::close(stderr_fd_);
 }
 
 void ServerProcess::Kill() {
@@ -108,6 +119,25 @@ int ServerProcess::Terminate() {
 }
 
 int ServerProcess::WaitForExit(int timeout_ms) { return Reap(timeout_ms); }
+
+std::string ServerProcess::ErrorOutput(int timeout_ms) {
+  std::string text;
+  if (stderr_fd_ < 0) return text;
+  auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
+  while (true) {
+    int left = static_cast<int>(std::chrono::duration_cast<std::chrono::milliseconds>(
+                                    deadline - std::chrono::steady_clock::now())
+                                    .count());
+    if (left <= 0) break;
+    pollfd p{stderr_fd_, POLLIN, 0};
+    if (::poll(&p, 1, left) <= 0) continue;
+    char buffer[256];
+    ssize_t n = ::read(stderr_fd_, buffer, sizeof(buffer));
+    if (n <= 0) break;
+    text.append(buffer, static_cast<std::size_t>(n));
+  }
+  return text;
+}
 
 int ServerProcess::Reap(int timeout_ms) {
   if (pid_ <= 0) return -1;

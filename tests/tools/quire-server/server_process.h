@@ -14,9 +14,12 @@ namespace quire_server_test {
 class ServerProcess {
  public:
   // Starts the server. `environment` entries ("NAME=value") are added to the inherited ones.
-  // Check started() afterwards.
+  // Check started() afterwards. With `capture_errors`, the server's standard error goes to a pipe
+  // that ErrorOutput() reads (for servers that are expected to write little and exit, e.g. on a
+  // refused command line); otherwise it is the test's.
   explicit ServerProcess(const std::vector<std::string>& args,
-                         const std::vector<std::string>& environment = {});
+                         const std::vector<std::string>& environment = {},
+                         bool capture_errors = false);
   ~ServerProcess();
   ServerProcess(const ServerProcess&) = delete;
   ServerProcess& operator=(const ServerProcess&) = delete;
@@ -36,12 +39,16 @@ class ServerProcess {
   int Terminate();
   // Waits (bounded) for the process to exit by itself; returns its exit status, or -1.
   int WaitForExit(int timeout_ms);
+  // Everything the server wrote to standard error, read until it closed it (bounded by
+  // `timeout_ms`). Empty unless constructed with `capture_errors`.
+  std::string ErrorOutput(int timeout_ms = 10000);
 
  private:
   int Reap(int timeout_ms);
 
   pid_t pid_ = -1;
   int stdout_fd_ = -1;
+  int stderr_fd_ = -1;
   int port_ = 0;
   std::string scheme_;
   std::string first_line_;
