@@ -46,7 +46,7 @@ TEST_F(FaultMatrixTest, ServiceUnavailableOnAChunk) {
       Run({Operation::kResumableUpload}, {"--fault-fail-every", "2"}, true, kSeconds);
   ASSERT_EQ(outcomes.size(), 1u);
   const Outcome& outcome = outcomes[0];
-  EXPECT_EQ(outcome.calls, 1);
+  CheckCallback(Operation::kResumableUpload, outcome);
   EXPECT_EQ(outcome.status, 503);
   EXPECT_EQ(outcome.request_id, outcome.issued_id + 1) << "the first PUT's id";
   EXPECT_TRUE(outcome.had_headers);
