@@ -18,14 +18,16 @@ using kestrel::net::NetworkRequest;
 using kestrel::net::ServerInfo;
 
 constexpr std::size_t kLarge = std::size_t{200} * 1024 * 1024;
-// Generous: under ThreadSanitizer, with another test moving 200 MiB beside it, this takes a while.
+// How long a download or upload may take: generous, because under ThreadSanitizer, with another
+// test moving 200 MiB beside it, a 200 MiB body takes a while (the fixture's default is 20 s).
 constexpr double kBigTimeout = 180.0;
 
 class CurlBodyTest : public CurlTest {
  protected:
   void Download(std::size_t size) {
     const Outcome outcome =
-        Fetch(kestrel::quire::kMethodGet, DocsUrl(QStringLiteral("/bytes/%1").arg(size)));
+        Fetch(kestrel::quire::kMethodGet, DocsUrl(QStringLiteral("/bytes/%1").arg(size)), nullptr,
+              nullptr, kBigTimeout);
     EXPECT_EQ(outcome.status, 0);
     ASSERT_EQ(static_cast<std::size_t>(outcome.body.size()), size);
     EXPECT_EQ(FindPatternMismatch(outcome.body.constData(), 0, size), size);
@@ -35,7 +37,8 @@ class CurlBodyTest : public CurlTest {
     QByteArray body(static_cast<int>(size), Qt::Uninitialized);
     FillPattern(body.data(), 0, size);
     const std::vector<QString> lines = {QStringLiteral("Content-Type: application/octet-stream")};
-    const Outcome outcome = Fetch(method, DocsUrl(QStringLiteral("/upload")), &body, &lines);
+    const Outcome outcome =
+        Fetch(method, DocsUrl(QStringLiteral("/upload")), &body, &lines, kBigTimeout);
     EXPECT_EQ(outcome.status, 0);
     EXPECT_EQ(outcome.body,
               QByteArray("match ") + QByteArray::number(static_cast<qulonglong>(size)));
