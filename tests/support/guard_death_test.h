@@ -31,11 +31,12 @@ inline void ExitOnTerminate() {
 
 }  // namespace quire_test
 
-// Expects `statement` to be stopped by one of the library's guards (see above).
-#define EXPECT_GUARD_ABORT(statement)    \
+// Expects the statement given to be stopped by one of the library's guards (see above). Variadic,
+// so that a block with commas outside parentheses is one statement.
+#define EXPECT_GUARD_ABORT(...)          \
   EXPECT_EXIT(                           \
       {                                  \
         ::quire_test::ExitOnTerminate(); \
-        statement;                       \
+        __VA_ARGS__;                     \
       },                                 \
       ::testing::KilledBySignal(SIGABRT), "")
