@@ -45,6 +45,24 @@ NetworkRequest* Issue(ConnectionManager& manager, Recorder* recorder, const QStr
   return manager.StartRequest(server, info);
 }
 
+// The fixture's end-of-test check relies on it: answers that no request took stay counted.
+TEST_F(ScriptedTransportTest, CountsTheAnswersNoRequestTookYet) {
+  ConnectionManager manager(4, 2, true, 60.0, 60);
+  EXPECT_EQ(transport_.queued(), 0u);
+  transport_.Enqueue(quire_test::Http(200), "first");
+  transport_.Enqueue(quire_test::Http(201), "second");
+  EXPECT_EQ(transport_.queued(), 2u);
+  Recorder recorder;
+  Issue(manager, &recorder, QStringLiteral("https://h.example/a"));
+  EXPECT_EQ(transport_.queued(), 1u) << "taken when the request starts";
+  RunUntilIdle();
+  EXPECT_EQ(recorder.body, QByteArray("first"));
+  Issue(manager, &recorder, QStringLiteral("https://h.example/b"));
+  RunUntilIdle();
+  EXPECT_EQ(recorder.body, QByteArray("second"));
+  EXPECT_EQ(transport_.queued(), 0u);
+}
+
 TEST_F(ScriptedTransportTest, CompletesLaterWithTheScriptedAnswer) {
   ConnectionManager manager(4, 2, true, 60.0, 60);
   transport_.Enqueue(quire_test::Http(201), "made", {QStringLiteral("Location: /x")});
