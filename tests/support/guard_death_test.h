@@ -2,8 +2,9 @@
 // cannot report as a status (an empty callback at the moment it would be called, memory that the
 // memory manager did not hand out), the library calls std::abort(). Other deaths look the same from
 // outside: calling an empty std::function throws std::bad_function_call, which ends in
-// std::terminate() and then abort(). EXPECT_GUARD_ABORT passes only when `statement` ends the
-// process with SIGABRT without passing through std::terminate(), so that a test of a guard fails
+// std::terminate() and then abort(). EXPECT_GUARD_ABORT passes only when the statement ends the
+// process with SIGABRT: an exception that gtest catches fails it, and so does one that reaches
+// std::terminate() (the child then exits with kTerminatedExitCode), so that a test of a guard fails
 // when the guard is gone.
 #pragma once
 
