@@ -55,8 +55,13 @@ class FaultMatrixTest : public ::testing::Test {
   void RunColumn(Fault fault, bool side_by_side, double seconds);
   // Runs the operations given against the emulator started with `args` (after seeding), returning
   // their outcomes in the same order.
+  // With `policy`, every client's connections retry under it (`retries`, when given, receives the
+  // retries of each operation's client); `cancel_after` >= 0 cancels each operation that long
+  // after it was issued (0: at once, inside the issuing turn of the main loop).
   std::vector<Outcome> Run(const std::vector<Operation>& operations,
-                           const std::vector<std::string>& args, bool side_by_side, double seconds);
+                           const std::vector<std::string>& args, bool side_by_side, double seconds,
+                           const kestrel::quire::RetryPolicy* policy = nullptr,
+                           std::vector<std::uint64_t>* retries = nullptr, double cancel_after = -1);
 
   static const char* Name(Fault fault);
   // The emulator's arguments for `fault` (writing the body files it needs).
