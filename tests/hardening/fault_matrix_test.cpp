@@ -302,6 +302,20 @@ std::vector<Outcome> FaultMatrixTest::Run(const std::vector<Operation>& operatio
   return outcomes;
 }
 
+void FaultMatrixTest::WithEmulator(const std::vector<std::string>& args,
+                                   const std::function<void(const LibraryClient::Options&)>& body) {
+  Seed();
+  if (HasFatalFailure()) return;
+  ASSERT_TRUE(emulator_.Start(args)) << "the emulator did not start with its faults";
+  LibraryClient::Options options;
+  options.port = emulator_.port();
+  options.trusted_files = {emulator_.certificate_file()};
+  options.chunk_size = kChunkBytes;
+  body(options);
+  MainLoop::Default()->RunUntilIdle();
+  EXPECT_EQ(emulator_.Stop(), 0) << "the emulator did not stop cleanly";
+}
+
 void FaultMatrixTest::RunColumn(Fault fault, bool side_by_side, double seconds) {
   std::vector<Operation> operations(std::begin(kAllOperations), std::end(kAllOperations));
   const std::vector<std::string> args = ArgumentsFor(fault);

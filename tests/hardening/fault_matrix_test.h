@@ -14,6 +14,7 @@
 
 #include <QByteArray>
 #include <QString>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -62,6 +63,11 @@ class FaultMatrixTest : public ::testing::Test {
                            const std::vector<std::string>& args, bool side_by_side, double seconds,
                            const kestrel::quire::RetryPolicy* policy = nullptr,
                            std::vector<std::uint64_t>* retries = nullptr, double cancel_after = -1);
+
+  // Seeds, starts the emulator with `args`, runs `body` with the options of a client for it, and
+  // stops the emulator.
+  void WithEmulator(const std::vector<std::string>& args,
+                    const std::function<void(const LibraryClient::Options&)>& body);
 
   static const char* Name(Fault fault);
   // The emulator's arguments for `fault` (writing the body files it needs).

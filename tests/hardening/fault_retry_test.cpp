@@ -3,7 +3,12 @@
 // transient fault ends in success, a permanent one in its status after the policy's attempts (a
 // POST, which may have changed something on the server, after one), a cancelled operation in
 // status 3; always in exactly one callback, with the live allocations back at their start value.
+#include <QFile>
+#include <QTemporaryDir>
+
+#include "kestrel/base/main_loop.h"
 #include "quire/connection/network_response_info.h"
+#include "quire/upload/resumable_uploader.h"
 #include "tests/hardening/fault_matrix_test.h"
 
 namespace quire_hardening {
@@ -155,6 +160,94 @@ TEST_F(FaultMatrixTest, CancelColumnWhileWaitingToRetry) {
       EXPECT_EQ(outcomes[i].status, kStatusCancelled);
       EXPECT_LE(retries[i], 1u) << "cancelled during the first wait (or before the first answer)";
     }
+  }
+}
+
+// A file uploaded with ResumableUploader over the real transport: every third request answered 503
+// (chunks, status queries and the POST alike) ends in the exact bytes on the server; connections
+// cut inside every request head end, after the policy's attempts, in status 2.
+TEST_F(FaultMatrixTest, UploaderColumn) {
+  QTemporaryDir dir;
+  ASSERT_TRUE(dir.isValid());
+  const QString path = dir.filePath(QStringLiteral("upload.bin"));
+  QByteArray bytes(1024 * 1024 + 17, '\0');
+  for (int i = 0; i < bytes.size(); ++i) bytes[i] = static_cast<char>((i * 131) ^ (i >> 9));
+  {
+    QFile file(path);
+    ASSERT_TRUE(file.open(QIODevice::WriteOnly));
+    ASSERT_EQ(file.write(bytes), bytes.size());
+  }
+  RetryPolicy policy = QuickPolicy();
+  policy.set_max_attempts(6);
+
+  struct Case {
+    std::vector<std::string> args;
+    bool succeeds;
+  };
+  for (const Case& column : {Case{{"--fault-fail-every", "3"}, true},
+                             Case{{"--fault-close-request-after", "64"}, false}}) {
+    SCOPED_TRACE(column.args[0]);
+    WithEmulator(column.args, [&](const LibraryClient::Options& base) {
+      LibraryClient::Options options = base;
+      LibraryClient client(options);
+      ASSERT_TRUE(client.configured());
+      auto* uploader =
+          new kestrel::quire::ResumableUploader(&client.upload_connection(), 64 * 1024, policy);
+      int calls = 0;
+      int status = -1;
+      QByteArray entry;
+      uploader->Start(targets().upload_url.toString(QUrl::FullyEncoded),
+                      QStringLiteral("<entry xmlns=\"http://www.w3.org/2005/Atom\">"
+                                     "<title>by the uploader</title></entry>"),
+                      QStringLiteral("application/octet-stream"), path,
+                      [&](kestrel::quire::NetworkResponseInfo info, QByteArray body) {
+                        ++calls;
+                        status = info.status;
+                        entry = QByteArray(body.constData(), body.size());
+                      });
+      ASSERT_TRUE(kestrel::MainLoop::Default()->RunUntil([&] { return calls > 0; }, kSeconds));
+      const int retries = uploader->progress().retries;
+      const auto error = uploader->error();
+      delete uploader;
+      ASSERT_TRUE(client.WaitForIdle(kSeconds));
+      EXPECT_EQ(calls, 1);
+      if (!column.succeeds) {
+        EXPECT_EQ(status, 2);
+        EXPECT_EQ(error, kestrel::quire::ResumableUploader::kRetriesExhausted);
+        return;
+      }
+      EXPECT_EQ(status, 0);
+      EXPECT_GT(retries, 0) << "the faults were met and absorbed";
+      EXPECT_TRUE(entry.contains("by the uploader"));
+      // Read the document back through a client that retries, and compare every byte.
+      LibraryClient::Options reading = base;
+      reading.retry_policy = &policy;
+      LibraryClient reader(reading);
+      QUrl content;
+      int feed_calls = 0;
+      reader.docs().GetFeed(
+          [&](kestrel::quire::NetworkResponseInfo info, const kestrel::quire::DocsFeed& feed) {
+            ++feed_calls;
+            EXPECT_EQ(info.status, 0);
+            for (const kestrel::quire::DocsEntry* item : feed.entries) {
+              if (item->title == QStringLiteral("by the uploader")) content = item->content_src;
+            }
+          });
+      ASSERT_TRUE(kestrel::MainLoop::Default()->RunUntil([&] { return feed_calls > 0; }, kSeconds));
+      ASSERT_FALSE(content.isEmpty());
+      QByteArray stored;
+      int content_calls = 0;
+      reader.docs().GetEntryContent(content,
+                                    [&](kestrel::quire::NetworkResponseInfo info, QByteArray body) {
+                                      ++content_calls;
+                                      EXPECT_EQ(info.status, 0);
+                                      stored = QByteArray(body.constData(), body.size());
+                                    });
+      ASSERT_TRUE(
+          kestrel::MainLoop::Default()->RunUntil([&] { return content_calls > 0; }, kSeconds));
+      EXPECT_TRUE(stored == bytes) << "the server holds " << stored.size() << " bytes";
+      ASSERT_TRUE(reader.WaitForIdle(kSeconds));
+    });
   }
 }
 
