@@ -31,9 +31,15 @@ NetworkRequest::NetworkRequest(Info* info)
       keep_response_headers_(info->keep_response_headers),
       default_headers_(info->default_headers) {
   http_request_.SetRequest(info->method, info->url, info->body, std::move(info->headers));
+  if (info->response_sink != nullptr) {
+    response_sink_ = info->response_sink;
+    response_sink_->AddRef();
+  }
 }
 
-NetworkRequest::~NetworkRequest() = default;
+NetworkRequest::~NetworkRequest() {
+  if (response_sink_ != nullptr) response_sink_->Release();
+}
 
 void NetworkRequest::Complete() {
   if (completed_) return;

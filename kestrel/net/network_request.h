@@ -10,6 +10,7 @@
 #include "kestrel/base/memory_manager.h"
 #include "kestrel/net/http_request.h"
 #include "kestrel/net/request_header.h"
+#include "kestrel/net/response_sink.h"
 
 namespace kestrel {
 namespace net {
@@ -80,6 +81,9 @@ class KESTREL_EXPORT NetworkRequest {
     void* user_data;
     /// Which standard lines the network layer adds.
     DefaultHeaders default_headers;
+    /// Where the body of a 2xx answer goes as it arrives, instead of the response buffer; null
+    /// (the default) collects it in the buffer. The request takes a reference of its own.
+    ResponseSink* response_sink = nullptr;
   };
 
   /// Takes the request description from `info`: the body is shared, not copied, and the header
@@ -98,6 +102,8 @@ class KESTREL_EXPORT NetworkRequest {
   bool keep_response_headers() const { return keep_response_headers_; }
   /// Which standard lines the transport adds.
   Info::DefaultHeaders default_headers() const { return default_headers_; }
+  /// The sink that takes the body of a 2xx answer, or null (see Info::response_sink).
+  ResponseSink* response_sink() const { return response_sink_; }
   /// Whether Complete() has been called.
   bool completed() const { return completed_; }
   /// The reference count, for kestrel::TestThenAdd().
@@ -128,6 +134,7 @@ class KESTREL_EXPORT NetworkRequest {
   bool keep_response_headers_;
   Info::DefaultHeaders default_headers_;
   bool completed_ = false;
+  ResponseSink* response_sink_ = nullptr;
 };
 
 }  // namespace net
