@@ -5,13 +5,16 @@
 namespace quire_server {
 namespace {
 
-// A run of 1 to 19 decimal digits (so that it always fits in 64 bits).
+// A run of decimal digits. A value beyond 64 bits is still a position, beyond any content: it
+// saturates.
 bool ParseNumber(std::string_view text, std::uint64_t* value) {
-  if (text.empty() || text.size() > 19) return false;
+  if (text.empty()) return false;
+  constexpr std::uint64_t kMax = ~std::uint64_t{0};
   std::uint64_t result = 0;
   for (char c : text) {
     if (c < '0' || c > '9') return false;
-    result = result * 10 + static_cast<std::uint64_t>(c - '0');
+    const auto digit = static_cast<std::uint64_t>(c - '0');
+    result = result > (kMax - digit) / 10 ? kMax : result * 10 + digit;
   }
   *value = result;
   return true;

@@ -20,7 +20,8 @@ class ByteRange {
   };
 
   // Parses a field value. Empty for anything that is not exactly one well-formed byte range:
-  // other units, lists, signs, blanks inside numbers, numbers beyond 64 bits, or A > B.
+  // other units, lists, signs, blanks inside numbers, or A > B. Numbers beyond 64 bits
+  // saturate (a position beyond any content).
   static std::optional<ByteRange> Parse(std::string_view value);
 
   // The bytes selected from content of `size` bytes: a range that starts at or beyond the end

@@ -70,8 +70,9 @@ TEST_F(RangeTest, SuffixRangeAnswersTheLastBytes) {
 }
 
 TEST_F(RangeTest, RangeAtOrBeyondTheEndAnswers416WithTheLength) {
-  for (const char* range : {"Range: bytes=300000-", "Range: bytes=300000-300010",
-                            "Range: bytes=18446744073709551615-", "Range: bytes=-0"}) {
+  for (const char* range :
+       {"Range: bytes=300000-", "Range: bytes=300000-300010", "Range: bytes=18446744073709551615-",
+        "Range: bytes=99999999999999999999999-", "Range: bytes=-0"}) {
     SCOPED_TRACE(range);
     HttpResult refused = Get({range});
     EXPECT_TRUE(IsError(refused, 416));
@@ -88,10 +89,9 @@ TEST_F(RangeTest, EmptyContentRefusesEveryRange) {
 }
 
 TEST_F(RangeTest, SeveralOrMalformedRangesGetTheWholeContent) {
-  for (const char* range :
-       {"Range: bytes=0-9,20-29", "Range: bytes=9-0", "Range: bytes=a-", "Range: bytes=-",
-        "Range: items=0-9", "Range: bytes 0-9", "Range: bytes=+1-9", "Range: bytes=1 0-9",
-        "Range: bytes=99999999999999999999-", "Range: bytes=0-9-"}) {
+  for (const char* range : {"Range: bytes=0-9,20-29", "Range: bytes=9-0", "Range: bytes=a-",
+                            "Range: bytes=-", "Range: items=0-9", "Range: bytes 0-9",
+                            "Range: bytes=+1-9", "Range: bytes=1 0-9", "Range: bytes=0-9-"}) {
     SCOPED_TRACE(range);
     HttpResult whole = Get({range});
     EXPECT_EQ(whole.status, 200);
