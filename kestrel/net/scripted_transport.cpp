@@ -29,6 +29,8 @@ std::size_t ScriptedTransport::completed() const { return shared_->completed; }
 
 std::size_t ScriptedTransport::sink_pauses() const { return shared_->sink_pauses; }
 
+std::size_t ScriptedTransport::cancelled() const { return shared_->cancelled; }
+
 const char* ScriptedTransport::last_response_data() const { return shared_->last_response_data; }
 
 void ScriptedTransport::Start(NetworkRequest* request, const ServerInfo& server,
@@ -66,10 +68,42 @@ void ScriptedTransport::Start(NetworkRequest* request, const ServerInfo& server,
   if (record_requests_) requests_.push_back(std::move(seen));
 
   std::shared_ptr<Shared> shared = shared_;
+  Shared::Pending& entry = shared->pending[request];
+  const std::uint64_t serial = shared->next_serial++;
+  entry.serial = serial;
+  std::vector<std::uint64_t>& timers = entry.timers;
+  if (request->report_progress()) {
+    for (const auto& step : answer.progress) {
+      const TransferProgress figures = step.second;
+      timers.push_back(
+          MainLoop::Default()->PostTimer(step.first, [request, shared, serial, figures] {
+            auto entry = shared->pending.find(request);
+            if (entry == shared->pending.end() || entry->second.serial != serial) return;  // over
+            if (request->UpdateProgress(figures)) request->DeliverProgress();
+          }));
+    }
+  }
   const double delay_seconds = answer.delay_seconds;
+  const auto sent = static_cast<std::int64_t>(http->body().size());
+  // Whether the request is still waiting for its answer (not cancelled meanwhile).
+  auto live = [request, shared, serial] {
+    auto entry = shared->pending.find(request);
+    return entry != shared->pending.end() && entry->second.serial == serial;
+  };
   // `via_sink`: the body went to the request's sink (else to its buffer); `sink_stopped`: the sink
   // stopped the transfer.
-  auto complete = [request, shared](const Answer& answer, bool via_sink, bool sink_stopped) {
+  auto complete = [request, shared, live, sent](const Answer& answer, bool via_sink,
+                                                bool sink_stopped) {
+    if (!live()) return;  // cancelled
+    shared->pending.erase(request);
+    if (request->report_progress()) {
+      TransferProgress last;
+      last.bytes_sent = sent;
+      last.bytes_to_send = sent;
+      last.bytes_received = answer.has_body ? answer.body.size() : 0;
+      last.bytes_to_receive = last.bytes_received;
+      if (request->UpdateProgress(last)) request->DeliverProgress();
+    }
     HttpRequest* response = request->GetHttpRequest();
     response->SetResponseStatus(sink_stopped ? status::kErrorUnknown : answer.code);
     if (answer.has_body && !via_sink) {
@@ -95,7 +129,7 @@ void ScriptedTransport::Start(NetworkRequest* request, const ServerInfo& server,
   }
   if (sink != nullptr && answer.has_body && head_status >= 200 && head_status <= 299) {
     // Delivery through the sink: the head, then the pieces back to back, waiting while the sink
-    // is full; the completion after the last piece.
+    // is full; the completion after the last piece. A cancellation ends the delivery.
     struct Delivery {
       Answer answer;
       int head_status;
@@ -106,9 +140,13 @@ void ScriptedTransport::Start(NetworkRequest* request, const ServerInfo& server,
     delivery->answer = std::move(answer);
     delivery->head_status = head_status;
     auto step = std::make_shared<std::function<void()>>();
-    *step = [request, sink, shared, delivery, complete,
+    *step = [request, sink, shared, delivery, complete, live,
              weak = std::weak_ptr<std::function<void()>>(step)] {
       auto self = weak.lock();
+      if (!live()) {
+        sink->SetWaker({});
+        return;
+      }
       const Answer& scripted = delivery->answer;
       if (!delivery->head_sent) {
         delivery->head_sent = true;
@@ -142,7 +180,7 @@ void ScriptedTransport::Start(NetworkRequest* request, const ServerInfo& server,
     // The step keeps itself alive through the jobs it posts and the waker it leaves.
     auto first = [step] { (*step)(); };
     if (delay_seconds > 0) {
-      MainLoop::Default()->PostDelayed(delay_seconds, std::move(first));
+      timers.push_back(MainLoop::Default()->PostTimer(delay_seconds, std::move(first)));
     } else {
       MainLoop::Default()->Post(std::move(first));
     }
@@ -151,10 +189,26 @@ void ScriptedTransport::Start(NetworkRequest* request, const ServerInfo& server,
 
   auto whole = [complete, answer = std::move(answer)] { complete(answer, false, false); };
   if (delay_seconds > 0) {
-    MainLoop::Default()->PostDelayed(delay_seconds, std::move(whole));
+    timers.push_back(MainLoop::Default()->PostTimer(delay_seconds, std::move(whole)));
   } else {
     MainLoop::Default()->Post(std::move(whole));
   }
+}
+
+void ScriptedTransport::Cancel(NetworkRequest* request) {
+  auto pending = shared_->pending.find(request);
+  if (pending == shared_->pending.end()) return;
+  // Whatever has not run yet is taken back, so the request's memory goes with the completion below.
+  for (std::uint64_t timer : pending->second.timers) MainLoop::Default()->CancelTimer(timer);
+  shared_->pending.erase(pending);
+  std::shared_ptr<Shared> shared = shared_;
+  MainLoop::Default()->Post([request, shared] {
+    shared->last_response_data = nullptr;
+    ++shared->completed;
+    ++shared->cancelled;
+    request->Complete();
+    NetworkRequest::ReleaseRef(request);
+  });
 }
 
 }  // namespace net

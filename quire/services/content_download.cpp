@@ -131,6 +131,7 @@ ContentDownload::ContentDownload(const Service* service)
 
 ContentDownload::~ContentDownload() {
   if (sink_ != nullptr) sink_->Release();
+  if (request_ != nullptr) NetworkRequest::ReleaseRef(request_);
   doDelete(callback_adaptor_);
   doDelete(manager_);
 }
@@ -162,8 +163,10 @@ void ContentDownload::Cancel() {
   if (finished_ || cancelled_) return;
   cancelled_ = true;
   if (sink_ != nullptr) {
-    // The transfer stops at its next piece; its completion reports the cancellation.
+    // Nothing more reaches the destination; the transfer is taken off the wire, and its
+    // completion reports the cancellation.
     sink_->Stop();
+    if (request_ != nullptr) manager_->CancelRequest(request_);
     return;
   }
   // Between attempts: nothing is in flight.
@@ -211,7 +214,9 @@ void ContentDownload::Send() {
                             true, callback_adaptor_, nullptr, NetworkRequest::Info::kStandard);
   info.response_sink = sink_;
   kestrel::net::ServerInfo server(url);
-  manager_->StartRequest(server, info);
+  request_ = manager_->StartRequest(server, info);
+  // The network layer never completes a request inside StartRequest: the pointer is valid here.
+  NetworkRequest::AddRef(request_);
 }
 
 bool ContentDownload::Fail(DownloadOutcome outcome, const QString& error) {
@@ -331,6 +336,10 @@ void ContentDownload::OnComplete(NetworkRequest* request) {
   if (sink_ != nullptr) {
     sink_->Release();
     sink_ = nullptr;
+  }
+  if (request_ == request) {
+    request_ = nullptr;
+    NetworkRequest::ReleaseRef(request);  // the caller's reference keeps it alive for this call
   }
   if (finished_) return;
   int http_status = 0;

@@ -134,9 +134,10 @@ class QUIRE_EXPORT ContentDownload {
   /// Starts downloading `url` (a DocsEntry's content_src) into `target`. Only once per object.
   void Start(const QUrl& url, DownloadTarget target, DownloadOptions options,
              DownloadCallback callback);
-  /// Stops the download: the callback comes with kCancelled (later, on the main loop), the
-  /// transfer stops at its next piece, and the bytes written so far stay in the destination for a
-  /// later resume. Does nothing after the callback.
+  /// Stops the download: the transfer is taken off the wire at once (ConnectionManager::
+  /// CancelRequest()), the callback comes with kCancelled (later, on the main loop, never inside
+  /// this call), and the bytes written so far stay in the destination for a later resume. Does
+  /// nothing after the callback, or when called again.
   void Cancel();
 
   /// The bytes the destination holds now.
@@ -159,6 +160,7 @@ class QUIRE_EXPORT ContentDownload {
   kestrel::net::ConnectionManager* manager_;
   RequestCallback* callback_adaptor_ = nullptr;
   kestrel::net::ResponseSink* sink_ = nullptr;
+  kestrel::net::NetworkRequest* request_ = nullptr;  // in flight, with a reference of ours
   QUrl url_;
   DownloadTarget target_;
   DownloadOptions options_;
