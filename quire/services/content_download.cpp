@@ -130,6 +130,7 @@ ContentDownload::ContentDownload(const Service* service)
 }
 
 ContentDownload::~ContentDownload() {
+  if (retry_timer_ != 0) kestrel::MainLoop::Default()->CancelTimer(retry_timer_);
   if (sink_ != nullptr) sink_->Release();
   if (request_ != nullptr) NetworkRequest::ReleaseRef(request_);
   doDelete(callback_adaptor_);
@@ -169,7 +170,9 @@ void ContentDownload::Cancel() {
     if (request_ != nullptr) manager_->CancelRequest(request_);
     return;
   }
-  // Between attempts: nothing is in flight.
+  // Between attempts: nothing is in flight, and the back-off wait is taken back.
+  if (retry_timer_ != 0) kestrel::MainLoop::Default()->CancelTimer(retry_timer_);
+  retry_timer_ = 0;
   std::weak_ptr<int> alive = life_;
   kestrel::MainLoop::Default()->Post([this, alive] {
     if (!alive.expired() && !finished_) Finish(DownloadOutcome::kCancelled, 2);
@@ -412,8 +415,10 @@ void ContentDownload::RetryOrFail(std::int32_t status_value, const NetworkReques
     }
   }
   std::weak_ptr<int> alive = life_;
-  kestrel::MainLoop::Default()->PostDelayed(delay, [this, alive] {
-    if (!alive.expired()) Send();
+  retry_timer_ = kestrel::MainLoop::Default()->PostTimer(delay, [this, alive] {
+    if (alive.expired()) return;
+    retry_timer_ = 0;
+    Send();
   });
 }
 

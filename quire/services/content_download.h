@@ -161,6 +161,7 @@ class QUIRE_EXPORT ContentDownload {
   RequestCallback* callback_adaptor_ = nullptr;
   kestrel::net::ResponseSink* sink_ = nullptr;
   kestrel::net::NetworkRequest* request_ = nullptr;  // in flight, with a reference of ours
+  std::uint64_t retry_timer_ = 0;                    // the back-off wait, 0 when none
   QUrl url_;
   DownloadTarget target_;
   DownloadOptions options_;

@@ -409,13 +409,18 @@ TEST_F(ContentDownloadTest, PartialAnswerToAWholeRequestFails) {
 }
 
 TEST_F(ContentDownloadTest, FailingDestinationStopsTheTransfer) {
-  transport_.Enqueue(Whole(Pattern(50000), QStringLiteral("\"v1\""), 10000));
+  transport_.Enqueue(Whole(Pattern(3 << 20), QStringLiteral("\"v1\""), 64 * 1024));
   MemoryTarget memory;
-  memory.fail_at = 25000;
-  DownloadResult result = Run(memory.Target());
+  memory.fail_at = 3 << 19;  // the disk fills up half-way
+  DownloadOptions options;
+  options.buffer_bytes = 1 << 20;
+  DownloadResult result = Run(memory.Target(), options);
   EXPECT_EQ(result.outcome, DownloadOutcome::kWriteFailed);
-  EXPECT_EQ(result.attempts, 1);
-  EXPECT_EQ(result.bytes_written, 20000u);
+  EXPECT_EQ(result.attempts, 1) << "a failing destination is not retried";
+  EXPECT_GT(result.bytes_written, 0u);
+  EXPECT_LE(result.bytes_written, memory.fail_at);
+  EXPECT_EQ(static_cast<std::uint64_t>(memory.bytes.size()), result.bytes_written);
+  EXPECT_FALSE(result.error.isEmpty());
 }
 
 TEST_F(ContentDownloadTest, DeviceTargetWritesAndStartsOver) {
@@ -464,6 +469,53 @@ TEST_F(ContentDownloadTest, CancelStopsTheTransferAndReportsOnce) {
   RunUntilIdle();
   EXPECT_EQ(calls, 1);
   delete download;
+}
+
+TEST_F(ContentDownloadTest, CancelBeforeTheAnswerTakesTheRequestOffTheWire) {
+  ScriptedTransport::Answer slow = Whole(Pattern(1000), QStringLiteral("\"v1\""));
+  slow.delay_seconds = 30;
+  transport_.Enqueue(slow);
+  MemoryTarget memory;
+  auto* download = new ContentDownload(service_);
+  int calls = 0;
+  DownloadResult result;
+  download->Start(QUrl(QString::fromLatin1(kUrl)), memory.Target(), {},
+                  [&](const DownloadResult& r) {
+                    result = r;
+                    ++calls;
+                  });
+  download->Cancel();
+  download->Cancel();  // twice: one callback all the same
+  EXPECT_EQ(calls, 0) << "the callback ran inside Cancel";
+  RunUntil([&] { return calls > 0; }, 2.0);
+  RunUntilIdle();
+  EXPECT_EQ(calls, 1);
+  EXPECT_EQ(result.outcome, DownloadOutcome::kCancelled);
+  EXPECT_EQ(transport_.cancelled(), 1u);
+  EXPECT_EQ(memory.writes, 0);
+  delete download;
+}
+
+TEST_F(ContentDownloadTest, CancelDuringTheBackOffEndsWithoutAnotherRequest) {
+  transport_.Enqueue(Http(503), "busy", {QStringLiteral("Retry-After: 20")});
+  MemoryTarget memory;
+  auto* download = new ContentDownload(service_);
+  int calls = 0;
+  DownloadResult result;
+  DownloadOptions options;
+  options.max_backoff = 30;
+  download->Start(QUrl(QString::fromLatin1(kUrl)), memory.Target(), options,
+                  [&](const DownloadResult& r) {
+                    result = r;
+                    ++calls;
+                  });
+  RunUntil([&] { return transport_.completed() == 1; });
+  download->Cancel();
+  RunUntil([&] { return calls > 0; }, 2.0);
+  EXPECT_EQ(result.outcome, DownloadOutcome::kCancelled);
+  EXPECT_EQ(transport_.started(), 1u);
+  delete download;  // the back-off timer must not fire into a deleted download
+  kestrel::MainLoop::Default()->RunUntil([] { return false; }, 0.05);
 }
 
 TEST_F(ContentDownloadTest, DownloadMayBeDeletedInsideItsCallback) {
