@@ -2,9 +2,10 @@
 
 #include <QByteArray>
 #include <algorithm>
+#include <chrono>
 #include <cstdint>
+#include <ctime>
 #include <limits>
-#include <random>
 #include <utility>
 
 #include "kestrel/base/main_loop.h"
@@ -14,6 +15,7 @@
 #include "kestrel/net/network_status.h"
 #include "kestrel/net/response_sink.h"
 #include "kestrel/net/server_info.h"
+#include "quire/connection/connection_params.h"
 #include "quire/services/endpoints.h"
 #include "quire/services/service.h"
 
@@ -98,14 +100,8 @@ bool ParseUnsatisfiedRange(const QString& value, std::uint64_t* total) {
   return ParseLength(value.mid(8).trimmed(), total);
 }
 
-bool IsTransient(int http_status) {
-  return http_status == 0 || http_status == 408 || http_status == 429 || http_status == 500 ||
-         http_status == 502 || http_status == 503 || http_status == 504;
-}
-
-double RandomUnit() {
-  static std::mt19937_64 engine{std::random_device{}()};
-  return std::uniform_real_distribution<double>(0.0, 1.0)(engine);
+double SteadySeconds() {
+  return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
 }
 
 }  // namespace
@@ -367,7 +363,7 @@ void ContentDownload::OnComplete(NetworkRequest* request) {
     }
     if (expected_ >= 0 && received_ < static_cast<std::uint64_t>(expected_)) {
       // Ended early although the transport saw no error: resume.
-      return RetryOrFail(2, request);
+      return RetryOrFail(2, 0, request);
     }
     if (result_.total < 0) result_.total = static_cast<std::int64_t>(written_);
     return Finish(DownloadOutcome::kComplete, 0);
@@ -387,32 +383,35 @@ void ContentDownload::OnComplete(NetworkRequest* request) {
     if (failed_) return Finish(failure_outcome_, 416);
     return Send();
   }
-  if (IsTransient(http_status)) return RetryOrFail(http_status == 0 ? 2 : http_status, request);
-  Finish(DownloadOutcome::kHttpError, http_status == 0 ? 2 : http_status);
+  RetryOrFail(http_status == 0 ? 2 : http_status, code, request);
 }
 
-void ContentDownload::RetryOrFail(std::int32_t status_value, const NetworkRequest* request) {
-  failures_in_a_row_ = received_ > 0 ? 0 : failures_in_a_row_ + 1;
-  if (failures_in_a_row_ >= std::max(1, options_.max_attempts_without_progress)) {
-    return Finish(
-        status_value == 2 ? DownloadOutcome::kNetworkFailure : DownloadOutcome::kHttpError,
-        status_value);
-  }
+void ContentDownload::RetryOrFail(std::int32_t status_value, std::uint32_t code,
+                                  const NetworkRequest* request) {
+  const RetryPolicy& policy = options_.retry_policy;
+  const DownloadOutcome failure =
+      status_value == 2 ? DownloadOutcome::kNetworkFailure : DownloadOutcome::kHttpError;
+  if (!policy.IsTransient(kMethodGet, status_value, code)) return Finish(failure, status_value);
+  // An attempt that brought bytes starts a new count: the download goes on from them.
+  if (received_ > 0) failures_in_a_row_ = 0;
+  if (failures_in_a_row_ == 0) streak_started_ = SteadySeconds();
+  ++failures_in_a_row_;
+  if (failures_in_a_row_ >= policy.max_attempts()) return Finish(failure, status_value);
   if (written_ > 0 && result_.etag.isEmpty()) {
     // Without an entity tag a resumed range could belong to another version: start over.
     StartOver();
     if (failed_) return Finish(failure_outcome_, status_value);
   }
   double delay = 0;
-  if (failures_in_a_row_ > 0) {
-    const double ceiling =
-        std::min(options_.max_backoff,
-                 options_.initial_backoff * double(1 << std::min(failures_in_a_row_ - 1, 20)));
-    delay = ceiling * RandomUnit();
-    std::uint64_t retry_after = 0;
-    if (ParseLength(FindHeader(HeaderLines(request), "Retry-After"), &retry_after)) {
-      delay = std::min(options_.max_backoff, static_cast<double>(retry_after));
-    }
+  if (received_ == 0) {
+    // Nothing came this time: wait as the policy says before asking again.
+    const std::vector<QString> lines = HeaderLines(request);
+    delay = policy.DelayBeforeRetry(failures_in_a_row_, &lines,
+                                    static_cast<double>(std::time(nullptr)));
+  }
+  if (policy.total_deadline_seconds() > 0 &&
+      SteadySeconds() + delay - streak_started_ > policy.total_deadline_seconds()) {
+    return Finish(failure, status_value);
   }
   std::weak_ptr<int> alive = life_;
   retry_timer_ = kestrel::MainLoop::Default()->PostTimer(delay, [this, alive] {

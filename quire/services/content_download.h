@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "kestrel/base/memory_manager.h"
+#include "quire/connection/retry_policy.h"
 #include "quire/quire_export.h"
 #include "quire/services/download_target.h"
 
@@ -45,14 +46,12 @@ struct DownloadOptions {
   /// document is answered whole. Without it, `resume_from` is ignored and the download starts
   /// from byte 0 (a part of unknown version is never extended).
   QString etag;
-  /// Attempts in a row that bring no new byte before the download gives up on a transient failure
-  /// (network failure, 408, 429, 500, 502, 503, 504). An attempt that wrote bytes resets the count.
-  int max_attempts_without_progress = 5;
-  /// The first back-off delay in seconds; it doubles per failed attempt (up to `max_backoff`),
-  /// with full jitter. A Retry-After of the answer is honoured up to `max_backoff`.
-  double initial_backoff = 0.25;
-  /// The longest wait between two attempts, in seconds.
-  double max_backoff = 8.0;
+  /// When to retry a transient failure (a failure without an answer, 408, 429, 500, 502, 503,
+  /// 504; see RetryPolicy::IsTransient() for a GET) and how long to wait (exponential back-off
+  /// with full jitter, Retry-After honoured up to its cap). A download resumes from the bytes
+  /// written, so an attempt that brought new bytes starts a new count: max_attempts() and
+  /// total_deadline_seconds() bound the attempts in a row that bring nothing.
+  RetryPolicy retry_policy;
   /// Bytes that may wait between the network and the destination; the transfer pauses beyond.
   std::size_t buffer_bytes = std::size_t{8} << 20;
   /// Called on the main thread as bytes reach the destination: the bytes it now holds and the
@@ -151,7 +150,10 @@ class QUIRE_EXPORT ContentDownload {
   bool OnHead(int http_status, const std::vector<QString>& headers);
   bool OnPiece(const char* data, std::size_t size);
   void OnComplete(kestrel::net::NetworkRequest* request);
-  void RetryOrFail(std::int32_t status, const kestrel::net::NetworkRequest* request);
+  // Retries a failed attempt under the retry policy (`code`: the network layer's code, 0 when
+  // unknown), or ends the download.
+  void RetryOrFail(std::int32_t status, std::uint32_t code,
+                   const kestrel::net::NetworkRequest* request);
   void StartOver();
   void Finish(DownloadOutcome outcome, std::int32_t status);
   bool Fail(DownloadOutcome outcome, const QString& error);
@@ -175,6 +177,7 @@ class QUIRE_EXPORT ContentDownload {
   bool head_seen_ = false;
   bool sent_range_ = false;
   int failures_in_a_row_ = 0;
+  double streak_started_ = 0;  // steady seconds of the first failure in a row
   bool cancelled_ = false;
   bool finished_ = false;
   bool failed_ = false;  // a violation or write failure already decided the outcome

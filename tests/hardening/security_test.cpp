@@ -566,7 +566,7 @@ kestrel::quire::DownloadResult HostileDownload(int port, const std::string& auth
   kestrel::quire::DownloadOptions settings;
   settings.resume_from = static_cast<std::uint64_t>(prefix.size());
   if (!prefix.isEmpty()) settings.etag = QStringLiteral("\"t1\"");
-  settings.max_attempts_without_progress = 1;
+  settings.retry_policy = kestrel::quire::RetryPolicy::NoRetries();
   kestrel::quire::DownloadResult result;
   bool done = false;
   download->Start(

@@ -129,7 +129,7 @@ void Downloader::ToFile(const DocRecord& doc, const QString& path, bool resume,
                                            "); give a path in a writable folder with -o");
   }
   DownloadOptions options;
-  options.max_attempts_without_progress = max_attempts_;
+  options.retry_policy.set_max_attempts(max_attempts_);
   if (resume) {
     struct stat info;
     if (::fstat(fd.get(), &info) == 0 && info.st_size > 0) {
@@ -220,7 +220,7 @@ void Downloader::ToFile(const DocRecord& doc, const QString& path, bool resume,
 void Downloader::ToStream(const DocRecord& doc,
                           const std::function<bool(const char*, std::size_t)>& write) {
   DownloadOptions options;
-  options.max_attempts_without_progress = max_attempts_;
+  options.retry_policy.set_max_attempts(max_attempts_);
   // A stream is written in order only: a retry resumes where it stands, and a changed content
   // cannot start over.
   std::uint64_t position = 0;

@@ -73,8 +73,8 @@ class ContentDownloadTest : public quire_test::ScriptedTest {
   }
 
   DownloadResult Run(DownloadTarget target, DownloadOptions options = {}) {
-    options.initial_backoff = 0.001;
-    options.max_backoff = 0.01;
+    options.retry_policy.set_base_backoff_seconds(0.001);
+    options.retry_policy.set_max_backoff_seconds(0.01);
     auto* download = new ContentDownload(service_);
     bool done = false;
     DownloadResult result;
@@ -287,7 +287,7 @@ TEST_F(ContentDownloadTest, TransientFailuresWithoutProgressGiveUpAfterTheAllowe
   for (int i = 0; i < 3; ++i) transport_.Enqueue(Http(503), "busy");
   MemoryTarget memory;
   DownloadOptions options;
-  options.max_attempts_without_progress = 3;
+  options.retry_policy.set_max_attempts(3);
   DownloadResult result = Run(memory.Target(), options);
   EXPECT_EQ(result.outcome, DownloadOutcome::kHttpError);
   EXPECT_EQ(result.status, 503);
@@ -299,7 +299,7 @@ TEST_F(ContentDownloadTest, NetworkFailuresGiveUpAsNetworkFailure) {
   for (int i = 0; i < 2; ++i) transport_.Enqueue(kestrel::net::status::kErrorTimedOut);
   MemoryTarget memory;
   DownloadOptions options;
-  options.max_attempts_without_progress = 2;
+  options.retry_policy.set_max_attempts(2);
   DownloadResult result = Run(memory.Target(), options);
   EXPECT_EQ(result.outcome, DownloadOutcome::kNetworkFailure);
   EXPECT_EQ(result.status, 2);
@@ -503,7 +503,7 @@ TEST_F(ContentDownloadTest, CancelDuringTheBackOffEndsWithoutAnotherRequest) {
   int calls = 0;
   DownloadResult result;
   DownloadOptions options;
-  options.max_backoff = 30;
+  options.retry_policy.set_retry_after_cap_seconds(30);
   download->Start(QUrl(QString::fromLatin1(kUrl)), memory.Target(), options,
                   [&](const DownloadResult& r) {
                     result = r;
