@@ -225,6 +225,38 @@ TEST_F(CliDownloadTest, ContinueOfAPartOfAChangedDocumentStartsOver) {
   EXPECT_EQ(Read(target), Pattern(300000, 6));
 }
 
+// A disk that fills up (here: a file-size limit, which fails writes the same way): one line, exit
+// 1, the part kept for --continue, which then finishes it.
+TEST_F(CliDownloadTest, AFullDiskKeepsTheResumablePartAndContinueFinishesIt) {
+  const QByteArray content = Pattern(3 * 1024 * 1024, 8);
+  Put("Big", content);
+  const QString target = Path("out/big.bin");
+  const QString part = target + QStringLiteral(".part");
+  ProcessRunner shell("/bin/bash", Path("scratch").toStdString());
+  shell.SetEnv("QUIRE_TOKEN", kToken);
+  shell.SetEnv("HOME", Path("home").toStdString());
+  std::string command = "trap '' XFSZ; ulimit -f 1024; exec '" + std::string(QUIRE_BINARY) + "'";
+  for (const std::string& arg : Args({"get", "Big", "-o", target.toStdString()})) {
+    command += " '" + arg + "'";
+  }
+  ProcessResult result = shell.Run({"-c", command}, 60);
+  EXPECT_EQ(result.exit_code, 1) << result.err;
+  const std::string last = LastLine(result.err);
+  EXPECT_EQ(last.rfind("quire: cannot write " + part.toStdString(), 0), 0u) << result.err;
+  EXPECT_NE(last.find("--continue"), std::string::npos) << result.err;
+  EXPECT_FALSE(QFile::exists(target));
+  const qint64 kept = QFileInfo(part).size();
+  EXPECT_GT(kept, 0);
+  EXPECT_LE(kept, 1024 * 1024);
+
+  result = Quire({"get", "Big", "-o", target.toStdString(), "--continue"});
+  ASSERT_EQ(result.exit_code, 0) << result.err;
+  EXPECT_NE(result.out.find(", " + std::to_string(kept) + " bytes reused"), std::string::npos)
+      << result.out;
+  EXPECT_EQ(Read(target), content);
+  EXPECT_FALSE(QFile::exists(part));
+}
+
 TEST_F(CliDownloadTest, AFolderAsOutputIsAUsageError) {
   Put("Any", Pattern(100, 7));
   const ProcessResult result = Quire({"get", "Any", "-o", Path("out").toStdString()});
