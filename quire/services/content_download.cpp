@@ -320,6 +320,11 @@ bool ContentDownload::OnPiece(const char* data, std::size_t size) {
     return Fail(DownloadOutcome::kProtocolError, QStringLiteral("the content is too long"));
   }
   if (!target_.Write(offset_ + received_, data, size)) {
+    // What reached the destination before it failed counts: a resumed download goes on from it.
+    const std::size_t partial = std::min(target_.partial(), size);
+    received_ += partial;
+    written_ = offset_ + received_;
+    result_.bytes_transferred += partial;
     result_.error_number = target_.error_number();
     return Fail(DownloadOutcome::kWriteFailed, target_.error());
   }

@@ -53,6 +53,7 @@ DownloadTarget DownloadTarget::ForFunctions(WriteFunction write, TruncateFunctio
 }
 
 bool DownloadTarget::Write(std::uint64_t offset, const char* data, std::size_t size) {
+  partial_ = 0;
   if (sequential_) {
     // Only the next byte in order can be written to a stream.
     if (offset != sequential_position_) {
@@ -71,6 +72,7 @@ bool DownloadTarget::Write(std::uint64_t offset, const char* data, std::size_t s
       if (n <= 0) {
         error_number_ = n < 0 ? errno : ENOSPC;
         error_ = QString::fromLocal8Bit(std::strerror(error_number_));
+        partial_ = done;
         return false;
       }
       done += static_cast<std::size_t>(n);

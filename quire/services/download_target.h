@@ -47,12 +47,16 @@ class QUIRE_EXPORT DownloadTarget {
   /// The system error number of the last failed call on a file descriptor (ENOSPC for a full
   /// disk, say), else 0.
   int error_number() const { return error_number_; }
+  /// How many bytes of the last failed Write() did reach a file descriptor before it failed (a
+  /// disk fills up in the middle of a piece); 0 for the other kinds of target.
+  std::size_t partial() const { return partial_; }
 
  private:
   WriteFunction write_;
   TruncateFunction truncate_;
   QString error_;
   int error_number_ = 0;
+  std::size_t partial_ = 0;
   int fd_ = -1;
   bool sequential_ = false;
   std::uint64_t sequential_position_ = 0;
