@@ -194,7 +194,9 @@ void RetryingConnection::Handle(const CallPtr& call, NetworkResponseInfo info,
         call->owner->Send(call);
       });
       if (observer_) {
-        observer_(RetryNotice{call->id, call->attempts, info.status, network_code, delay});
+        // A copy runs: the observer may delete this decorator.
+        const RetryObserver observer = observer_;
+        observer(RetryNotice{call->id, call->attempts, info.status, network_code, delay});
       }
       return;
     }

@@ -325,8 +325,12 @@ void ResumableUploader::OnPostAnswer(const NetworkResponseInfo& info, std::uint3
     failures_in_a_row_ = 0;
     if (session_callback_) {
       std::shared_ptr<Token> token = token_;
-      session_callback_(session_url_);
-      if (token->owner == nullptr) return;  // deleted inside its callback
+      const SessionCallback callback = session_callback_;
+      const QString url = session_url_;
+      const std::uint64_t generation = generation_;
+      callback(url);
+      // Deleted or cancelled inside its callback: nothing more to do.
+      if (token->owner == nullptr || generation_ != generation) return;
     }
     SendChunk();
     return;
@@ -522,8 +526,13 @@ bool ResumableUploader::ReadChunk(std::int64_t position, std::int64_t length, QB
 bool ResumableUploader::Report() {
   if (!progress_callback_) return true;
   std::shared_ptr<Token> token = token_;
-  progress_callback_(progress_);
-  return token->owner != nullptr;
+  // A copy runs, so that the host may delete the uploader (and its callbacks) inside it.
+  const ProgressCallback callback = progress_callback_;
+  const Progress progress = progress_;
+  const std::uint64_t generation = generation_;
+  callback(progress);
+  // False when the host deleted the uploader or cancelled (or restarted) the upload meanwhile.
+  return token->owner != nullptr && token->owner->generation_ == generation;
 }
 
 void ResumableUploader::FailLater(Error error, ResponseCallback callback) {

@@ -193,6 +193,8 @@ class QUIRE_EXPORT ResumableUploader {
   bool SourceUnchanged() const;
   bool ReadChunk(std::int64_t position, std::int64_t length, QByteArray* out);
   void Confirmed(std::int64_t held);
+  // Tells the progress callback; false when the upload is over for this object afterwards (the
+  // uploader was deleted, or the upload cancelled, inside the callback).
   bool Report();
   void FailLater(Error error, ResponseCallback callback);
   void Fail(Error error, NetworkResponseInfo info);

@@ -476,6 +476,30 @@ TEST_F(ResumableUploaderTest, CancelBetweenChunksWhileWaitingToRecover) {
   EXPECT_EQ(MainLoop::Default()->pending(), 0u) << "the wait was taken back";
 }
 
+TEST_F(ResumableUploaderTest, CancelInsideAProgressReportBetweenChunks) {
+  uploader_->set_progress_callback([&](const ResumableUploader::Progress& progress) {
+    if (progress.bytes_confirmed == kChunk) uploader_->Cancel();
+  });
+  uploader_->set_session_callback([](const QString&) {});
+  Outcome outcome;
+  StartFile(WriteFile(Pattern(600000)), &outcome);
+  Wait(outcome);
+  EXPECT_EQ(outcome.info.status, kStatusCancelled);
+  EXPECT_EQ(session_.ranges().size(), 1u) << "no chunk after the cancel";
+  EXPECT_EQ(transport_.cancelled(), 0u) << "nothing was in flight";
+
+  // Cancelled inside the session callback: the first chunk is never sent.
+  ScriptedUploadSession session;
+  session.Install(&transport_);
+  uploader_->set_progress_callback(ResumableUploader::ProgressCallback());
+  uploader_->set_session_callback([&](const QString&) { uploader_->Cancel(); });
+  Outcome early;
+  StartFile(WriteFile(Pattern(600000), QStringLiteral("f")), &early);
+  Wait(early);
+  EXPECT_EQ(early.info.status, kStatusCancelled);
+  EXPECT_TRUE(session.ranges().empty());
+}
+
 TEST_F(ResumableUploaderTest, TheHostMayDeleteTheUploaderInsideItsCallbacks) {
   Outcome outcome;
   ResponseCallback record = Record(&outcome);
