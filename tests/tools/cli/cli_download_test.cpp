@@ -205,6 +205,33 @@ TEST_F(CliDownloadTest, KilledRunContinuesWithOnlyTheMissingBytes) {
   EXPECT_FALSE(QFile::exists(part));
 }
 
+TEST_F(CliDownloadTest, CtrlCStopsWithExitCode130AndSaysHowToContinue) {
+  const QByteArray content = Pattern(1024 * 1024, 10);
+  Put("Interrupted", content);
+  StartServer({QStringLiteral("--fault-close-response-after"), QStringLiteral("40000"),
+               QStringLiteral("--fault-delay-ms"), QStringLiteral("40")});
+  const QString target = Path("out/interrupted.bin");
+  const QString part = target + QStringLiteral(".part");
+  ProcessRunner::Child child =
+      runner_->Start(Args({"get", "Interrupted", "-o", target.toStdString()}));
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+  while (QFileInfo(part).size() < 50000 && std::chrono::steady_clock::now() < deadline) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  }
+  ::kill(child.pid, SIGINT);
+  ProcessResult result = runner_->Wait(&child, 20);
+  EXPECT_EQ(result.exit_code, 130) << result.err;
+  EXPECT_NE(LastLine(result.err).find("--continue"), std::string::npos) << result.err;
+  EXPECT_GT(QFileInfo(part).size(), 0);
+  EXPECT_FALSE(QFile::exists(target));
+
+  StartServer();
+  result = Quire({"get", "Interrupted", "-o", target.toStdString(), "--continue"});
+  ASSERT_EQ(result.exit_code, 0) << result.err;
+  EXPECT_NE(result.out.find(" bytes reused"), std::string::npos) << result.out;
+  EXPECT_EQ(Sha256(Read(target)), Sha256(content));
+}
+
 TEST_F(CliDownloadTest, ContinueOfAPartOfAChangedDocumentStartsOver) {
   Put("Changing", Pattern(300000, 6));
   const QString target = Path("out/changing.bin");
