@@ -139,6 +139,14 @@ void ContentDownload::Start(const QUrl& url, DownloadTarget target, DownloadOpti
   target_ = std::move(target);
   options_ = std::move(options);
   callback_ = std::move(callback);
+  if (cancelled_) {
+    // Cancelled before it started: it ends at once, later, without a request.
+    std::weak_ptr<int> alive = life_;
+    kestrel::MainLoop::Default()->Post([this, alive] {
+      if (!alive.expired() && !finished_) Finish(DownloadOutcome::kCancelled, 2);
+    });
+    return;
+  }
   if (options_.resume_from > 0 && !options_.etag.isEmpty() && options_.resume_from <= kMaxLength) {
     written_ = options_.resume_from;
     result_.bytes_reused = written_;
@@ -171,16 +179,14 @@ void ContentDownload::Cancel() {
   retry_timer_ = 0;
   std::weak_ptr<int> alive = life_;
   kestrel::MainLoop::Default()->Post([this, alive] {
-    if (!alive.expired() && !finished_) Finish(DownloadOutcome::kCancelled, 2);
+    // Before Start() there is no callback yet: Start() then ends the download itself.
+    if (!alive.expired() && !finished_ && callback_) Finish(DownloadOutcome::kCancelled, 2);
   });
 }
 
 void ContentDownload::Send() {
-  if (finished_) return;
-  if (cancelled_) {
-    Finish(DownloadOutcome::kCancelled, 2);
-    return;
-  }
+  // A cancelled download has its end posted already (Cancel()), never reported from here.
+  if (finished_ || cancelled_) return;
   offset_ = written_;
   received_ = 0;
   expected_ = -1;

@@ -136,7 +136,8 @@ class QUIRE_EXPORT ContentDownload {
   /// Stops the download: the transfer is taken off the wire at once (ConnectionManager::
   /// CancelRequest()), the callback comes with kCancelled (later, on the main loop, never inside
   /// this call), and the bytes written so far stay in the destination for a later resume. Does
-  /// nothing after the callback, or when called again.
+  /// nothing after the callback, or when called again. Before Start(), Start() then sends nothing
+  /// and the callback comes (later) with kCancelled.
   void Cancel();
 
   /// The bytes the destination holds now.

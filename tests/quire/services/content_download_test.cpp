@@ -496,6 +496,26 @@ TEST_F(ContentDownloadTest, CancelBeforeTheAnswerTakesTheRequestOffTheWire) {
   delete download;
 }
 
+TEST_F(ContentDownloadTest, CancelBeforeStartReportsLaterAndSendsNothing) {
+  MemoryTarget memory;
+  auto* download = new ContentDownload(service_);
+  int calls = 0;
+  DownloadResult result;
+  download->Cancel();
+  download->Start(QUrl(QString::fromLatin1(kUrl)), memory.Target(), {},
+                  [&](const DownloadResult& r) {
+                    result = r;
+                    ++calls;
+                  });
+  EXPECT_EQ(calls, 0) << "the callback ran inside Start";
+  RunUntil([&] { return calls > 0; });
+  RunUntilIdle();
+  EXPECT_EQ(calls, 1);
+  EXPECT_EQ(result.outcome, DownloadOutcome::kCancelled);
+  EXPECT_EQ(transport_.started(), 0u);
+  delete download;
+}
+
 TEST_F(ContentDownloadTest, CancelDuringTheBackOffEndsWithoutAnotherRequest) {
   transport_.Enqueue(Http(503), "busy", {QStringLiteral("Retry-After: 20")});
   MemoryTarget memory;
