@@ -22,6 +22,7 @@
 #include "kestrel/net/byte_buffer.h"
 #include "kestrel/net/http_request.h"
 #include "kestrel/net/network_status.h"
+#include "kestrel/net/response_sink.h"
 
 namespace kestrel {
 namespace net {
@@ -34,6 +35,9 @@ constexpr long kUploadBufferBytes = 1024 * 1024;
 // A Content-Length up to this is reserved in one piece before the first body byte; beyond it the
 // buffer grows as bytes arrive, so a server cannot make us reserve what it never sends.
 constexpr curl_off_t kMaxReservedBodyBytes = curl_off_t{2} * 1024 * 1024 * 1024;
+// A request with a response sink keeps at most this much of a body that is not 2xx (an error
+// document) in its buffer; a longer one stops the transfer.
+constexpr std::size_t kMaxSinkErrorBodyBytes = std::size_t{1} << 20;
 // Hosts whose idle connections the connection cache makes room for.
 constexpr std::size_t kMaxHostsCounted = 16;
 // Easy handles kept for reuse by later requests.
@@ -232,6 +236,11 @@ struct Transfer {
   QString last_line;
   ByteBuffer* buffer = nullptr;
   BodyStorage* storage = nullptr;  // the transport's recycled body storage
+  // The request's response sink (null: the body goes to `buffer`), whether the current answer's
+  // head went to it, and whether libcurl holds the transfer paused because the sink was full.
+  ResponseSink* sink = nullptr;
+  bool sink_head_sent = false;
+  bool paused = false;
   // Progress: the figures and time of the last report handed to the request.
   curl_off_t sent = 0;
   curl_off_t received = 0;
@@ -428,6 +437,7 @@ size_t OnHeaderLine(char* data, size_t size, size_t count, void* user) {
       }
     }
     transfer->response_code = number;
+    transfer->sink_head_sent = false;
     transfer->content_length = -1;
     transfer->header_complete = false;
     transfer->http->ClearResponse();
@@ -482,9 +492,46 @@ size_t OnHeaderLine(char* data, size_t size, size_t count, void* user) {
   return total;
 }
 
+// The body of a 2xx answer, for a request with a response sink: the head first, then the pieces;
+// a full sink pauses the transfer (libcurl hands the same bytes again after the unpause).
+size_t OnSinkBytes(Transfer* transfer, char* data, size_t total) {
+  if (!transfer->sink_head_sent) {
+    transfer->sink_head_sent = true;
+    // The header block is complete once the body starts: no continuation line can follow.
+    FlushLastLine(transfer);
+    transfer->last_line = QString();
+    std::vector<QString> lines;
+    const HttpRequest* http = transfer->http;
+    lines.reserve(static_cast<std::size_t>(http->GetResponseHeaderCount()));
+    for (int i = 0; i < http->GetResponseHeaderCount(); ++i) {
+      lines.push_back(*http->GetResponseHeader(i));
+    }
+    transfer->sink->PushHead(transfer->response_code, std::move(lines));
+  }
+  switch (transfer->sink->Push(data, total)) {
+    case ResponseSink::PushResult::kTaken:
+      return total;
+    case ResponseSink::PushResult::kFull:
+      transfer->paused = true;
+      return CURL_WRITEFUNC_PAUSE;
+    case ResponseSink::PushResult::kStopped:
+    default:
+      return 0;
+  }
+}
+
 size_t OnBodyBytes(char* data, size_t size, size_t count, void* user) {
   auto* transfer = static_cast<Transfer*>(user);
   const size_t total = size * count;
+  if (transfer->sink != nullptr) {
+    if (transfer->response_code >= 200 && transfer->response_code <= 299) {
+      return OnSinkBytes(transfer, data, total);
+    }
+    const ByteBuffer* kept = transfer->http->GetResponseBuffer();
+    if (kept != nullptr && kept->size() + total > kMaxSinkErrorBodyBytes) return 0;
+    transfer->http->MutableResponseBuffer()->Append(data, total);
+    return total;
+  }
   if (transfer->buffer == nullptr) {
     transfer->buffer = transfer->http->MutableResponseBuffer();
     if (transfer->content_length > 0) {
@@ -532,6 +579,7 @@ struct CurlTransport::Impl {
   std::atomic<bool> queued{false};    // `queue` may be non-empty
   std::atomic<bool> sleeping{false};  // the I/O thread is (about to be) blocked in curl_multi_poll
   std::atomic<std::size_t> in_flight{0};
+  std::atomic<bool> resume_wanted{false};  // a response sink has room for a paused transfer
 
   // --- Main thread.
   std::shared_ptr<const Settings> settings = std::make_shared<Settings>();
@@ -569,6 +617,8 @@ struct CurlTransport::Impl {
   // Takes the cancelled requests off the wire; drops the references that Cancel() took.
   void Drop(const std::vector<NetworkRequest*>& cancelled);
   void Finish(Transfer* transfer, std::uint32_t code);
+  // Unpauses the transfers whose response sink asked for more.
+  void ResumePaused();
 };
 
 void CurlTransport::Impl::EnsureStarted() {
@@ -658,6 +708,7 @@ void CurlTransport::Impl::Run() {
     // After the new transfers joined, so that a request cancelled right after its start is found.
     Drop(cancelled);
     cancelled.clear();
+    if (resume_wanted.exchange(false, std::memory_order_acq_rel)) ResumePaused();
     UpdateConnectionCache();
     int running = 0;
     curl_multi_perform(multi, &running);
@@ -668,7 +719,7 @@ void CurlTransport::Impl::Run() {
     bool empty;
     {
       std::lock_guard<std::mutex> lock(mutex);
-      empty = queue.empty() && !stopping;
+      empty = queue.empty() && !stopping && !resume_wanted.load(std::memory_order_acquire);
     }
     if (empty) curl_multi_poll(multi, nullptr, 0, kPollMilliseconds, nullptr);
     sleeping.store(false, std::memory_order_relaxed);
@@ -700,6 +751,12 @@ void CurlTransport::Impl::Add(Transfer* transfer) {
   }
   transfer->easy = easy;
   SetUpHandle(transfer, easy);
+  if (transfer->sink != nullptr) {
+    transfer->sink->SetWaker([this] {
+      resume_wanted.store(true, std::memory_order_release);
+      curl_multi_wakeup(multi);
+    });
+  }
 
   const ConnectionOptions& options = transfer->options;
   if (options.max_connections_per_host != max_host_connections) {
@@ -827,7 +884,10 @@ bool CurlTransport::Impl::Spin() {
   do {
     int ready = 0;
     curl_multi_poll(multi, nullptr, 0, 0, &ready);
-    if (ready > 0 || queued.load(std::memory_order_acquire)) return true;
+    if (ready > 0 || queued.load(std::memory_order_acquire) ||
+        resume_wanted.load(std::memory_order_acquire)) {
+      return true;
+    }
     std::this_thread::yield();
   } while (std::chrono::steady_clock::now() < deadline);
   return false;
@@ -855,7 +915,21 @@ bool CurlTransport::Impl::Reap() {
   return finished;
 }
 
+void CurlTransport::Impl::ResumePaused() {
+  for (Transfer* transfer = active; transfer != nullptr;) {
+    Transfer* next = transfer->next;
+    if (transfer->paused && transfer->easy != nullptr) {
+      transfer->paused = false;
+      // May hand the held bytes to the sink at once, which may pause the transfer again.
+      curl_easy_pause(transfer->easy, CURLPAUSE_CONT);
+    }
+    transfer = next;
+  }
+}
+
 void CurlTransport::Impl::Finish(Transfer* transfer, std::uint32_t code) {
+  // The sink's waker refers to this transport: detached before the transfer is gone.
+  if (transfer->sink != nullptr) transfer->sink->SetWaker({});
   CURL* easy = transfer->easy;
   if (easy != nullptr && transfer->in_multi) curl_multi_remove_handle(multi, easy);
   if (transfer->prev != nullptr || transfer->next != nullptr || active == transfer) {
@@ -962,6 +1036,7 @@ void CurlTransport::Start(NetworkRequest* request, const ServerInfo& server,
   transfer->port = server.port();
   transfer->method = http->method();
   transfer->keep_headers = request->keep_response_headers();
+  transfer->sink = request->response_sink();
   transfer->send_user_agent = request->default_headers() != NetworkRequest::Info::kNoDefaultHeaders;
   transfer->report_progress = request->report_progress();
 

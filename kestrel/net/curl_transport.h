@@ -38,8 +38,12 @@ namespace net {
 /// server sends one. A body announced at 1 MiB or more goes into storage that the transport
 /// recycles: when such a request is released, its storage is kept for up to ten seconds (at most
 /// four blocks, 2 GiB in all) for the next large body, which then lands in memory the kernel need
-/// not map and clear again. A failure without a complete HTTP answer gives one of the
-/// `status::kError...` codes, and whatever header lines and body bytes had arrived stay in place.
+/// not map and clear again. A request with a NetworkRequest::Info::response_sink hands the body of
+/// a 2xx answer to the sink as it arrives instead (see ResponseSink): the transfer is paused while
+/// the sink is full and resumed when it has room, and stopped when the sink stops; a non-2xx body
+/// still goes to the buffer, up to 1 MiB (a longer one stops the transfer). A failure without a
+/// complete HTTP answer gives one of the `status::kError...` codes, and whatever header lines and
+/// body bytes had arrived stay in place.
 ///
 /// Progress: a request described with NetworkRequest::Info::report_progress hears of its transfer
 /// (NetworkRequest::Callback::OnRequestProgress()) whenever 256 KiB more have moved or 100 ms have

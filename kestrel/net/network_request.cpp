@@ -35,9 +35,15 @@ NetworkRequest::NetworkRequest(Info* info)
       default_headers_(info->default_headers),
       report_progress_(info->report_progress) {
   http_request_.SetRequest(info->method, info->url, info->body, std::move(info->headers));
+  if (info->response_sink != nullptr) {
+    response_sink_ = info->response_sink;
+    response_sink_->AddRef();
+  }
 }
 
-NetworkRequest::~NetworkRequest() = default;
+NetworkRequest::~NetworkRequest() {
+  if (response_sink_ != nullptr) response_sink_->Release();
+}
 
 void NetworkRequest::Complete() {
   if (completed_) return;

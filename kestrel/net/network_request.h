@@ -12,6 +12,7 @@
 #include "kestrel/base/memory_manager.h"
 #include "kestrel/net/http_request.h"
 #include "kestrel/net/request_header.h"
+#include "kestrel/net/response_sink.h"
 
 namespace kestrel {
 namespace net {
@@ -102,6 +103,9 @@ class KESTREL_EXPORT NetworkRequest {
     void* user_data;
     /// Which standard lines the network layer adds.
     DefaultHeaders default_headers;
+    /// Where the body of a 2xx answer goes as it arrives, instead of the response buffer; null
+    /// (the default) collects it in the buffer. The request takes a reference of its own.
+    ResponseSink* response_sink = nullptr;
     /// Whether the callback hears of the transfer's progress (Callback::OnRequestProgress()).
     /// False unless set after construction.
     bool report_progress = false;
@@ -123,6 +127,8 @@ class KESTREL_EXPORT NetworkRequest {
   bool keep_response_headers() const { return keep_response_headers_; }
   /// Which standard lines the transport adds.
   Info::DefaultHeaders default_headers() const { return default_headers_; }
+  /// The sink that takes the body of a 2xx answer, or null (see Info::response_sink).
+  ResponseSink* response_sink() const { return response_sink_; }
   /// Whether Complete() has been called.
   bool completed() const { return completed_; }
   /// Whether the request was cancelled (MarkCancelled()).
@@ -175,6 +181,7 @@ class KESTREL_EXPORT NetworkRequest {
   bool keep_response_headers_;
   Info::DefaultHeaders default_headers_;
   bool completed_ = false;
+  ResponseSink* response_sink_ = nullptr;
   bool cancelled_ = false;
   bool report_progress_ = false;
   TransferProgress progress_;

@@ -1,5 +1,6 @@
 #include "kestrel/net/scripted_transport.h"
 
+#include <algorithm>
 #include <utility>
 
 #include "kestrel/base/main_loop.h"
@@ -25,6 +26,8 @@ void ScriptedTransport::Enqueue(std::uint32_t code, const QByteArray& body,
 void ScriptedTransport::SetResponder(Responder responder) { responder_ = std::move(responder); }
 
 std::size_t ScriptedTransport::completed() const { return shared_->completed; }
+
+std::size_t ScriptedTransport::sink_pauses() const { return shared_->sink_pauses; }
 
 std::size_t ScriptedTransport::cancelled() const { return shared_->cancelled; }
 
@@ -82,10 +85,17 @@ void ScriptedTransport::Start(NetworkRequest* request, const ServerInfo& server,
   }
   const double delay_seconds = answer.delay_seconds;
   const auto sent = static_cast<std::int64_t>(http->body().size());
-  auto complete = [request, shared, serial, sent, answer = std::move(answer)] {
+  // Whether the request is still waiting for its answer (not cancelled meanwhile).
+  auto live = [request, shared, serial] {
     auto entry = shared->pending.find(request);
-    if (entry == shared->pending.end() || entry->second.serial != serial) return;  // cancelled
-    shared->pending.erase(entry);
+    return entry != shared->pending.end() && entry->second.serial == serial;
+  };
+  // `via_sink`: the body went to the request's sink (else to its buffer); `sink_stopped`: the sink
+  // stopped the transfer.
+  auto complete = [request, shared, live, sent](const Answer& answer, bool via_sink,
+                                                bool sink_stopped) {
+    if (!live()) return;  // cancelled
+    shared->pending.erase(request);
     if (request->report_progress()) {
       TransferProgress last;
       last.bytes_sent = sent;
@@ -95,8 +105,8 @@ void ScriptedTransport::Start(NetworkRequest* request, const ServerInfo& server,
       if (request->UpdateProgress(last)) request->DeliverProgress();
     }
     HttpRequest* response = request->GetHttpRequest();
-    response->SetResponseStatus(answer.code);
-    if (answer.has_body) {
+    response->SetResponseStatus(sink_stopped ? status::kErrorUnknown : answer.code);
+    if (answer.has_body && !via_sink) {
       ByteBuffer* buffer = response->MutableResponseBuffer();
       buffer->Append(answer.body.constData(), static_cast<std::size_t>(answer.body.size()));
       shared->last_response_data = buffer->data();
@@ -110,10 +120,78 @@ void ScriptedTransport::Start(NetworkRequest* request, const ServerInfo& server,
     request->Complete();
     NetworkRequest::ReleaseRef(request);
   };
+
+  ResponseSink* sink = request->response_sink();
+  int head_status = answer.head_status;
+  if (head_status == 0 && answer.code >= status::kHttpSuccessBase &&
+      answer.code < status::kHttpSuccessBase + 1000) {
+    head_status = static_cast<int>(answer.code - status::kHttpSuccessBase);
+  }
+  if (sink != nullptr && answer.has_body && head_status >= 200 && head_status <= 299) {
+    // Delivery through the sink: the head, then the pieces back to back, waiting while the sink
+    // is full; the completion after the last piece. A cancellation ends the delivery.
+    struct Delivery {
+      Answer answer;
+      int head_status;
+      std::size_t offset = 0;
+      bool head_sent = false;
+    };
+    auto delivery = std::make_shared<Delivery>();
+    delivery->answer = std::move(answer);
+    delivery->head_status = head_status;
+    auto step = std::make_shared<std::function<void()>>();
+    *step = [request, sink, shared, delivery, complete, live,
+             weak = std::weak_ptr<std::function<void()>>(step)] {
+      auto self = weak.lock();
+      if (!live()) {
+        sink->SetWaker({});
+        return;
+      }
+      const Answer& scripted = delivery->answer;
+      if (!delivery->head_sent) {
+        delivery->head_sent = true;
+        std::vector<QString> lines;
+        if (request->keep_response_headers()) lines = scripted.headers;
+        sink->PushHead(delivery->head_status, std::move(lines));
+      }
+      const std::size_t size = static_cast<std::size_t>(scripted.body.size());
+      bool stopped = false;
+      while (!stopped && delivery->offset < size) {
+        std::size_t piece = scripted.piece_size == 0 ? size : scripted.piece_size;
+        piece = std::min(piece, size - delivery->offset);
+        switch (sink->Push(scripted.body.constData() + delivery->offset, piece)) {
+          case ResponseSink::PushResult::kTaken:
+            delivery->offset += piece;
+            continue;
+          case ResponseSink::PushResult::kFull:
+            ++shared->sink_pauses;
+            sink->SetWaker([self] { MainLoop::Default()->Post([self] { (*self)(); }); });
+            return;
+          case ResponseSink::PushResult::kStopped:
+            stopped = true;
+            break;
+        }
+      }
+      sink->SetWaker({});
+      // Posted, so that it comes after the sink's delivery of what was pushed.
+      MainLoop::Default()->Post(
+          [sink, delivery, complete] { complete(delivery->answer, true, sink->stopped()); });
+    };
+    // The step keeps itself alive through the jobs it posts and the waker it leaves.
+    auto first = [step] { (*step)(); };
+    if (delay_seconds > 0) {
+      timers.push_back(MainLoop::Default()->PostTimer(delay_seconds, std::move(first)));
+    } else {
+      MainLoop::Default()->Post(std::move(first));
+    }
+    return;
+  }
+
+  auto whole = [complete, answer = std::move(answer)] { complete(answer, false, false); };
   if (delay_seconds > 0) {
-    timers.push_back(MainLoop::Default()->PostTimer(delay_seconds, std::move(complete)));
+    timers.push_back(MainLoop::Default()->PostTimer(delay_seconds, std::move(whole)));
   } else {
-    MainLoop::Default()->Post(std::move(complete));
+    MainLoop::Default()->Post(std::move(whole));
   }
 }
 

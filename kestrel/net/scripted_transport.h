@@ -23,7 +23,8 @@ namespace net {
 /// A deterministic in-memory transport for tests and benchmarks. A test scripts the answers (a
 /// completion code, a body, header lines) and reads back every request as the transport saw it.
 /// Every request completes later, from kestrel::MainLoop::Default(), never inside the call that
-/// issued it.
+/// issued it. A request with a response sink receives the body of a 2xx answer through it, in
+/// pieces and with the sink's back-pressure (see Answer::piece_size).
 ///
 /// Install it with TransportRegistry::SetDefault() before creating the connection managers that
 /// should use it; it must outlive every request started on it. Main loop's thread only.
@@ -41,6 +42,15 @@ class KESTREL_EXPORT ScriptedTransport : public ITransport {
     std::vector<QString> headers;
     /// Completion comes after this long (0: on the next turn of the main loop).
     double delay_seconds = 0;
+    /// For a request with a response sink: the HTTP status of the answer's head as the sink sees
+    /// it (0: the status of `code` when it is an HTTP one). Set it with a failure `code` to script
+    /// an answer cut off in the middle of its body: the sink receives the head and `body`, then the
+    /// request fails with `code`.
+    int head_status = 0;
+    /// For a request with a response sink: the body goes to the sink in pieces of this many bytes
+    /// (0: in one piece), offered back to back as a fast network would; when the sink is full the
+    /// delivery waits until the sink has room, as the built-in transport does.
+    std::size_t piece_size = 0;
     /// Progress reports delivered before the completion, to a request that asked for progress:
     /// each is given after its `first` seconds (figures as given in `second`). Whatever the list,
     /// such a request hears one last report (everything sent, the whole body received) just before
@@ -113,6 +123,8 @@ class KESTREL_EXPORT ScriptedTransport : public ITransport {
   std::size_t in_flight() const { return started_ - completed(); }
   /// The number of queued answers that no request has taken yet.
   std::size_t queued() const { return answers_.size(); }
+  /// How many times a response sink was full so that a delivery had to wait for it.
+  std::size_t sink_pauses() const;
   /// Where the body of the most recently completed answer was placed (the response buffer), or
   /// null when it had none.
   const char* last_response_data() const;
@@ -130,6 +142,7 @@ class KESTREL_EXPORT ScriptedTransport : public ITransport {
  private:
   struct Shared {
     std::size_t completed = 0;
+    std::size_t sink_pauses = 0;
     std::size_t cancelled = 0;
     const char* last_response_data = nullptr;
     /// A request that has not completed nor been cancelled.
