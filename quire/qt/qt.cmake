@@ -1,11 +1,12 @@
 # quire_qt: runs the library's callbacks from Qt's event loop. A library of its own, so that hosts
 # without a Qt event loop do not pay for it (Quire::qt, find_package(Quire COMPONENTS qt),
 # pkg-config quire-qt).
-add_library(quire_qt SHARED qt/qt_event_loop_driver.cpp)
+add_library(quire_qt SHARED qt/qt_event_loop_driver.cpp qt/internal/qt_event_loop_receiver.h)
 add_library(Quire::qt ALIAS quire_qt)
 set_target_properties(quire_qt PROPERTIES
   VERSION ${PROJECT_VERSION} SOVERSION ${PROJECT_VERSION_MAJOR}
-  EXPORT_NAME qt)
+  EXPORT_NAME qt
+  AUTOMOC ON)
 quire_warnings(quire_qt)
 target_include_directories(quire_qt PUBLIC
   $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}>

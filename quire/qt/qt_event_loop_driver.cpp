@@ -7,6 +7,8 @@
 #include <atomic>
 #include <cmath>
 
+#include "quire/qt/internal/qt_event_loop_receiver.h"
+
 namespace kestrel {
 namespace quire {
 namespace {
@@ -17,11 +19,16 @@ constexpr double kLongestTimerMs = 24.0 * 3600 * 1000;
 }  // namespace
 
 struct QtEventLoopDriver::Impl {
-  explicit Impl(MainLoop* main_loop) : loop(main_loop) {
+  explicit Impl(MainLoop* main_loop)
+      : loop(main_loop), receiver([this] {
+          wake_queued.store(false, std::memory_order_release);
+          wake_ups.fetch_add(1, std::memory_order_relaxed);
+          RunReady();
+        }) {
     timer.setSingleShot(true);
     // Coarse timers may fire up to 5 % late; a delayed job (a retry's back-off) should not.
     timer.setTimerType(Qt::PreciseTimer);
-    QObject::connect(&timer, &QTimer::timeout, &context, [this] {
+    QObject::connect(&timer, &QTimer::timeout, &receiver, [this] {
       timer_wake_ups.fetch_add(1, std::memory_order_relaxed);
       RunReady();
     });
@@ -32,14 +39,7 @@ struct QtEventLoopDriver::Impl {
   // the run queues the next one and is never left behind.
   void Wake() {
     if (wake_queued.exchange(true, std::memory_order_acq_rel)) return;
-    QMetaObject::invokeMethod(
-        &context,
-        [this] {
-          wake_queued.store(false, std::memory_order_release);
-          wake_ups.fetch_add(1, std::memory_order_relaxed);
-          RunReady();
-        },
-        Qt::QueuedConnection);
+    QMetaObject::invokeMethod(&receiver, "Run", Qt::QueuedConnection);
   }
 
   // On the driver's thread: runs what is ready, then waits for the next delayed job by timer.
@@ -63,7 +63,9 @@ struct QtEventLoopDriver::Impl {
   }
 
   MainLoop* const loop;
-  QObject context;  // lives on the driver's thread; queued runs and the timer are delivered to it
+  // Lives on the driver's thread; queued runs and the timer are delivered to it. Pending queued
+  // runs die with it.
+  QtEventLoopReceiver receiver;
   QTimer timer;
   std::atomic<bool> wake_queued{false};
   std::atomic<long long> wake_ups{0};
@@ -77,7 +79,7 @@ QtEventLoopDriver::QtEventLoopDriver(MainLoop* loop) : impl_(doNew<Impl>(loop)) 
 }
 
 QtEventLoopDriver::~QtEventLoopDriver() {
-  // Once the hook is gone no other thread touches impl_; queued runs die with its QObject.
+  // Once the hook is gone no other thread touches impl_; queued runs die with its receiver.
   impl_->loop->SetWakeUpHook(nullptr);
   doDelete(impl_);
 }

@@ -111,7 +111,7 @@ run(${cxx} ${CONSUMER_DIR}/main.cpp -o ${WORK_DIR}/pc-consumer ${flag_list})
 run(${cxx} ${EXAMPLES_DIR}/list_documents/main.cpp -o ${WORK_DIR}/pc-list_documents ${flag_list})
 run(${cxx} ${EXAMPLES_DIR}/upload_file/main.cpp ${EXAMPLES_DIR}/upload_file/progress_connection.cpp
     -o ${WORK_DIR}/pc-upload_file ${flag_list})
-execute_process(COMMAND ${PKG_CONFIG} --cflags --libs quire-qt RESULT_VARIABLE result
+execute_process(COMMAND ${PKG_CONFIG} --cflags --libs quire-qt quire RESULT_VARIABLE result
                 OUTPUT_VARIABLE qt_flags ERROR_VARIABLE err OUTPUT_STRIP_TRAILING_WHITESPACE)
 if(NOT result EQUAL 0)
   message(FATAL_ERROR "pkg-config quire-qt failed: ${err}")
