@@ -59,7 +59,7 @@ MainWindow::MainWindow(const QString& token, std::uint32_t chunk_size, QWidget* 
   auto* buttons = new QHBoxLayout();
   refresh_ = new QPushButton(QStringLiteral("Refresh"), central);
   upload_ = new QPushButton(QStringLiteral("Upload…"), central);
-  cancel_ = new QPushButton(QStringLiteral("Cancel upload"), central);
+  cancel_ = new QPushButton(QStringLiteral("Cancel"), central);
   download_ = new QPushButton(QStringLiteral("Download…"), central);
   delete_ = new QPushButton(QStringLiteral("Delete"), central);
   for (QPushButton* button : {refresh_, upload_, cancel_, download_, delete_}) {
@@ -122,6 +122,7 @@ MainWindow::~MainWindow() {
   CancelUpload();
   kestrel::MainLoop::Default()->RunUntil([this] { return !busy(); }, 60.0);
   alive_.reset();
+  content_download_.reset();
   delete uploads_;
   delete upload_connection_;
   delete user_info_;
@@ -140,7 +141,7 @@ void MainWindow::UpdateButtons() {
   const bool selected = Selected() != nullptr;
   refresh_->setEnabled(!listing_);
   upload_->setEnabled(!uploading_);
-  cancel_->setEnabled(uploading_ && !upload_connection_->stopping());
+  cancel_->setEnabled((uploading_ && !upload_connection_->stopping()) || downloading_);
   download_->setEnabled(selected && !downloading_);
   delete_->setEnabled(selected && !deleting_);
 }
@@ -287,6 +288,7 @@ void MainWindow::UploadFile(const QString& path) {
 }
 
 void MainWindow::CancelUpload() {
+  if (downloading_ && content_download_) content_download_->Cancel();
   if (!uploading_) return;
   upload_connection_->StopUpload();
   ShowMessage(QStringLiteral("Cancelling the upload after the chunk under way…"), false);
@@ -296,31 +298,56 @@ void MainWindow::CancelUpload() {
 void MainWindow::DownloadSelectedTo(const QString& path) {
   const Document* document = Selected();
   if (document == nullptr || downloading_) return;
+  // Written into a temporary file beside the chosen one, which it replaces only when complete: a
+  // failed or cancelled download leaves no torn file behind.
+  download_file_ = std::make_unique<QSaveFile>(path);
+  if (!download_file_->open(QIODevice::WriteOnly)) {
+    ShowMessage(QStringLiteral("Cannot write %1: %2.").arg(path, download_file_->errorString()),
+                true);
+    download_file_.reset();
+    return;
+  }
   downloading_ = true;
-  progress_->setRange(0, 0);  // busy: the whole content arrives at once
-  ShowMessage(QStringLiteral("Downloading %1…").arg(document->title), false);
-  UpdateButtons();
+  progress_->setValue(0);
   const QString title = document->title;
+  ShowMessage(QStringLiteral("Downloading %1…").arg(title), false);
+  UpdateButtons();
   std::weak_ptr<bool> alive = alive_;
-  docs_->GetEntryContent(
-      document->content_src, [this, alive, path, title](NetworkResponseInfo info, QByteArray body) {
+  kestrel::quire::DownloadOptions options;
+  options.progress = [this, alive](std::uint64_t written, std::int64_t total) {
+    if (alive.expired() || total <= 0) return;
+    progress_->setValue(static_cast<int>(written * 1000 / static_cast<std::uint64_t>(total)));
+  };
+  content_download_.reset(new kestrel::quire::ContentDownload(docs_));
+  content_download_->Start(
+      document->content_src, kestrel::quire::DownloadTarget::ForDevice(download_file_.get()),
+      options, [this, alive, path, title](const kestrel::quire::DownloadResult& result) {
         if (alive.expired()) return;
         downloading_ = false;
-        progress_->setRange(0, 1000);
-        if (info.status != 0) {
+        using kestrel::quire::DownloadOutcome;
+        if (result.outcome == DownloadOutcome::kComplete && download_file_->commit()) {
+          progress_->setValue(1000);
+          ShowMessage(QStringLiteral("Saved %1 to %2.").arg(title, path), false);
+        } else {
+          download_file_->cancelWriting();
+          download_file_->commit();  // discards the temporary file
           progress_->setValue(0);
-          ShowMessage(Explain(info.status, QStringLiteral("downloading ") + title), true);
-          UpdateButtons();
-          return;
+          if (result.outcome == DownloadOutcome::kCancelled) {
+            ShowMessage(QStringLiteral("The download of %1 was cancelled.").arg(title), false);
+          } else if (result.outcome == DownloadOutcome::kComplete ||
+                     result.outcome == DownloadOutcome::kWriteFailed) {
+            ShowMessage(QStringLiteral("Cannot write %1: %2.")
+                            .arg(path, result.error.isEmpty() ? download_file_->errorString()
+                                                              : result.error),
+                        true);
+          } else if (result.outcome == DownloadOutcome::kHttpError ||
+                     result.outcome == DownloadOutcome::kNetworkFailure) {
+            ShowMessage(Explain(result.status, QStringLiteral("downloading ") + title), true);
+          } else {
+            ShowMessage(QStringLiteral("The download of %1 failed: %2").arg(title, result.error),
+                        true);
+          }
         }
-        // Written whole or not at all: a failed write leaves no torn file behind.
-        QSaveFile file(path);
-        const bool written =
-            file.open(QIODevice::WriteOnly) && file.write(body) == body.size() && file.commit();
-        progress_->setValue(written ? 1000 : 0);
-        ShowMessage(written ? QStringLiteral("Saved %1 to %2.").arg(title, path)
-                            : QStringLiteral("Cannot write %1: %2.").arg(path, file.errorString()),
-                    !written);
         UpdateButtons();
       });
 }

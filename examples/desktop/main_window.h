@@ -14,6 +14,7 @@
 #include <vector>
 
 class QLabel;
+class QSaveFile;
 class QProgressBar;
 class QPushButton;
 class QTableWidget;
@@ -22,6 +23,7 @@ namespace kestrel {
 namespace quire {
 class Connection;
 class ConnectionUtils;
+class ContentDownload;
 class DocsService;
 class UserInfoService;
 }  // namespace quire
@@ -53,6 +55,7 @@ class MainWindow : public QMainWindow {
   // What the buttons and drops do; public so that a test drives them as a person would.
   void Refresh();
   void UploadFile(const QString& path);
+  // Cancels the upload (after the chunk under way) or the download (at once) under way.
   void CancelUpload();
   void DownloadSelectedTo(const QString& path);
   void DeleteSelected();
@@ -98,6 +101,10 @@ class MainWindow : public QMainWindow {
   QPushButton* delete_;
 
   std::vector<Document> documents_;
+  // The download under way (kept until the next one starts: it may not go inside its callback)
+  // and the file it writes, which replaces the chosen one only when complete.
+  std::unique_ptr<kestrel::quire::ContentDownload> content_download_;
+  std::unique_ptr<QSaveFile> download_file_;
   QFile upload_file_;       // mapped into memory while the upload runs
   QByteArray upload_data_;  // a view of the mapping, no copy
   QString upload_title_;

@@ -4,6 +4,8 @@
 #include <chrono>
 #include <deque>
 #include <map>
+#include <unordered_map>
+#include <utility>
 
 namespace kestrel {
 namespace {
@@ -26,7 +28,12 @@ struct MainLoop::State {
   mutable std::mutex mutex;
   std::condition_variable wake;
   std::deque<Job> ready;
-  std::multimap<long long, Job> delayed;  // due time (steady ns) -> job, in posting order per time
+  // (due time in steady ns, sequence number) -> job: in due order, and in posting order per time.
+  std::map<std::pair<long long, std::uint64_t>, Job> delayed;
+  // Sequence number -> due time, for the jobs queued with PostTimer() that CancelTimer() may take
+  // back.
+  std::unordered_map<std::uint64_t, long long> timers;
+  std::uint64_t next_sequence = 1;
   int quit_requests = 0;
   // The wake-up hook. Its own mutex is held while it runs, so that replacing it waits for a call
   // in progress; it is never held together with `mutex`.
@@ -53,7 +60,7 @@ double MainLoop::SecondsUntilNextJob() const {
   std::lock_guard<std::mutex> lock(state_->mutex);
   if (!state_->ready.empty()) return 0;
   if (state_->delayed.empty()) return -1;
-  const long long wait_ns = state_->delayed.begin()->first - NowNs();
+  const long long wait_ns = state_->delayed.begin()->first.first - NowNs();
   return wait_ns <= 0 ? 0 : static_cast<double>(wait_ns) / 1e9;
 }
 
@@ -79,13 +86,48 @@ void MainLoop::PostDelayed(double delay_seconds, Job job) {
   bool earliest = false;
   {
     std::lock_guard<std::mutex> lock(state_->mutex);
-    auto it = state_->delayed.emplace(NowNs() + SecondsToNs(delay_seconds), std::move(job));
+    const std::uint64_t sequence = state_->next_sequence++;
+    auto it =
+        state_->delayed
+            .emplace(std::make_pair(NowNs() + SecondsToNs(delay_seconds), sequence), std::move(job))
+            .first;
     // A job goes after those with the same due time, so it is first only when it is the
     // earliest of all.
     earliest = it == state_->delayed.begin();
   }
   state_->wake.notify_all();
   if (earliest) CallWakeUpHook();
+}
+
+MainLoop::TimerId MainLoop::PostTimer(double delay_seconds, Job job) {
+  TimerId id;
+  bool earliest = false;
+  {
+    std::lock_guard<std::mutex> lock(state_->mutex);
+    id = state_->next_sequence++;
+    const long long due = NowNs() + SecondsToNs(delay_seconds);
+    const auto it = state_->delayed.emplace(std::make_pair(due, id), std::move(job)).first;
+    earliest = it == state_->delayed.begin();
+    state_->timers.emplace(id, due);
+  }
+  state_->wake.notify_all();
+  if (earliest) CallWakeUpHook();
+  return id;
+}
+
+bool MainLoop::CancelTimer(TimerId id) {
+  Job job;
+  {
+    std::lock_guard<std::mutex> lock(state_->mutex);
+    auto timer = state_->timers.find(id);
+    if (timer == state_->timers.end()) return false;
+    auto queued = state_->delayed.find(std::make_pair(timer->second, id));
+    state_->timers.erase(timer);
+    if (queued == state_->delayed.end()) return false;
+    job = std::move(queued->second);
+    state_->delayed.erase(queued);
+  }
+  return true;  // `job` is destroyed here, outside the lock
 }
 
 void MainLoop::Quit() {
@@ -110,8 +152,9 @@ bool MainLoop::TakeNext(Job* job, long long deadline_ns, bool wait) {
     }
     const long long now = NowNs();
     // Timers that fell due join the ready queue in due order.
-    while (!state_->delayed.empty() && state_->delayed.begin()->first <= now) {
+    while (!state_->delayed.empty() && state_->delayed.begin()->first.first <= now) {
       state_->ready.push_back(std::move(state_->delayed.begin()->second));
+      state_->timers.erase(state_->delayed.begin()->first.second);
       state_->delayed.erase(state_->delayed.begin());
     }
     if (!state_->ready.empty()) {
@@ -121,8 +164,8 @@ bool MainLoop::TakeNext(Job* job, long long deadline_ns, bool wait) {
     }
     if (!wait || now >= deadline_ns) return false;
     long long until = deadline_ns;
-    if (!state_->delayed.empty() && state_->delayed.begin()->first < until) {
-      until = state_->delayed.begin()->first;
+    if (!state_->delayed.empty() && state_->delayed.begin()->first.first < until) {
+      until = state_->delayed.begin()->first.first;
     }
     state_->wake.wait_for(lock, std::chrono::nanoseconds(until - now));
   }

@@ -6,6 +6,7 @@
 
 #include <condition_variable>
 #include <cstddef>
+#include <cstdint>
 #include <functional>
 #include <mutex>
 
@@ -49,6 +50,18 @@ class KESTREL_EXPORT MainLoop {
   /// less). Safe from any thread.
   void PostDelayed(double delay_seconds, Job job);
 
+  /// Identifies a job queued with PostTimer(); never 0.
+  using TimerId = std::uint64_t;
+  /// Like PostDelayed(), and returns an id with which CancelTimer() can take the job back before it
+  /// runs (backoff waits use it, so that a cancelled wait leaves nothing behind). Safe from any
+  /// thread.
+  TimerId PostTimer(double delay_seconds, Job job);
+  /// Takes back the job that PostTimer() queued under `id` and destroys it without running it.
+  /// Returns false, doing nothing, when the job has already been taken to run (or already ran, or
+  /// was cancelled, or `id` is unknown). The job is destroyed outside the loop's lock, so its
+  /// destructor may post. Safe from any thread.
+  bool CancelTimer(TimerId id);
+
   /// Runs jobs on the calling thread until `done()` is true, `timeout_seconds` pass or Quit() is
   /// called; `done` is checked before every job. Returns the last value of `done()`, so false
   /// means a time-out or Quit(). May be nested (a job may call it).
@@ -69,7 +82,9 @@ class KESTREL_EXPORT MainLoop {
 
   /// Installs `hook`, replacing the previous one; an empty hook removes it. The hook is called,
   /// on the thread that posts and after the job is queued, by every Post() and by every
-  /// PostDelayed() whose job became the earliest delayed one (the time to wait for changed). A
+  /// PostDelayed() or PostTimer() whose job became the earliest delayed one (the time to wait for
+  /// changed). CancelTimer() calls no hook: a host's timer that fires early finds nothing due and
+  /// re-arms from SecondsUntilNextJob(). A
   /// host answers it by having its own loop call RunUntilIdle() soon on the loop's thread and then
   /// re-arm its timer from SecondsUntilNextJob(); the hook itself should only signal (it may run
   /// on any thread, often the network thread, and must not call into this loop). Calls may come

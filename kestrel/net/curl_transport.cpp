@@ -25,6 +25,7 @@
 #include "kestrel/net/byte_buffer.h"
 #include "kestrel/net/http_request.h"
 #include "kestrel/net/network_status.h"
+#include "kestrel/net/response_sink.h"
 
 namespace kestrel {
 namespace net {
@@ -37,6 +38,9 @@ constexpr long kUploadBufferBytes = 1024 * 1024;
 // A Content-Length up to this is reserved in one piece before the first body byte; beyond it the
 // buffer grows as bytes arrive, so a server cannot make us reserve what it never sends.
 constexpr curl_off_t kMaxReservedBodyBytes = curl_off_t{2} * 1024 * 1024 * 1024;
+// A request with a response sink keeps at most this much of a body that is not 2xx (an error
+// document) in its buffer; a longer one stops the transfer.
+constexpr std::size_t kMaxSinkErrorBodyBytes = std::size_t{1} << 20;
 // Hosts whose idle connections the connection cache makes room for.
 constexpr std::size_t kMaxHostsCounted = 16;
 // Easy handles kept for reuse by later requests.
@@ -47,6 +51,11 @@ constexpr int kPollMilliseconds = 1000;
 // of a chained operation (issued from a completion handler) or the answer of a nearby server
 // usually arrives, and each such request is spared waking a sleeping thread.
 constexpr std::chrono::microseconds kSpin(50);
+
+// Progress is reported whenever this many more bytes have moved, or kProgressInterval has passed
+// with bytes moving (and never while a report of the same request waits in the main loop).
+constexpr curl_off_t kProgressBytes = 256 * 1024;
+constexpr std::chrono::milliseconds kProgressInterval(100);
 
 // Bodies announced at least this large get their storage from the transport's recycled blocks.
 constexpr std::size_t kMinRecycledBytes = std::size_t{1} << 20;
@@ -316,6 +325,7 @@ struct Transfer {
   const char* body = nullptr;
   std::size_t body_size = 0;
   std::size_t body_offset = 0;
+  bool report_progress = false;
 
   // I/O thread only.
   CURL* easy = nullptr;
@@ -333,6 +343,17 @@ struct Transfer {
   QString last_line;
   ByteBuffer* buffer = nullptr;
   BodyStorage* storage = nullptr;  // the transport's recycled body storage
+  // The request's response sink (null: the body goes to `buffer`), whether the current answer's
+  // head went to it, and whether libcurl holds the transfer paused because the sink was full.
+  ResponseSink* sink = nullptr;
+  bool sink_head_sent = false;
+  bool paused = false;
+  // Progress: the figures and time of the last report handed to the request.
+  curl_off_t sent = 0;
+  curl_off_t received = 0;
+  curl_off_t to_receive = -1;
+  curl_off_t reported_bytes = 0;
+  std::chrono::steady_clock::time_point reported_at;
 };
 
 void FreeTransfer(Transfer* transfer) {
@@ -347,6 +368,42 @@ void PostCompletion(NetworkRequest* request) {
     request->Complete();
     NetworkRequest::ReleaseRef(request);
   });
+}
+
+// Hands the transfer's newest figures to its request and, unless a report is already waiting,
+// queues one on the main loop. The job holds a reference, so the request outlives it.
+void ReportProgress(Transfer* transfer) {
+  TransferProgress progress;
+  progress.bytes_sent = transfer->sent;
+  progress.bytes_to_send = static_cast<std::int64_t>(transfer->body_size);
+  progress.bytes_received = transfer->received;
+  progress.bytes_to_receive = transfer->to_receive;
+  transfer->reported_bytes = transfer->sent + transfer->received;
+  transfer->reported_at = std::chrono::steady_clock::now();
+  NetworkRequest* request = transfer->request;
+  if (!request->UpdateProgress(progress)) return;
+  NetworkRequest::AddRef(request);
+  MainLoop::Default()->Post([request] {
+    request->DeliverProgress();
+    NetworkRequest::ReleaseRef(request);
+  });
+}
+
+// libcurl's progress callback: reports when 256 KiB more have moved or 100 ms have passed with
+// bytes moving.
+int OnTransferInfo(void* user, curl_off_t download_total, curl_off_t download_now,
+                   curl_off_t /*upload_total*/, curl_off_t upload_now) {
+  auto* transfer = static_cast<Transfer*>(user);
+  transfer->sent = upload_now;
+  transfer->received = download_now;
+  transfer->to_receive = download_total > 0 ? download_total : transfer->content_length;
+  const curl_off_t moved = upload_now + download_now - transfer->reported_bytes;
+  if (moved <= 0) return 0;
+  if (moved >= kProgressBytes ||
+      std::chrono::steady_clock::now() - transfer->reported_at >= kProgressInterval) {
+    ReportProgress(transfer);
+  }
+  return 0;
 }
 
 bool IsSpace(char c) { return c == ' ' || c == '\t'; }
@@ -508,6 +565,7 @@ size_t OnHeaderLine(char* data, size_t size, size_t count, void* user) {
       }
     }
     transfer->response_code = number;
+    transfer->sink_head_sent = false;
     transfer->content_length = -1;
     transfer->header_complete = false;
     transfer->http->ClearResponse();
@@ -562,9 +620,46 @@ size_t OnHeaderLine(char* data, size_t size, size_t count, void* user) {
   return total;
 }
 
+// The body of a 2xx answer, for a request with a response sink: the head first, then the pieces;
+// a full sink pauses the transfer (libcurl hands the same bytes again after the unpause).
+size_t OnSinkBytes(Transfer* transfer, char* data, size_t total) {
+  if (!transfer->sink_head_sent) {
+    transfer->sink_head_sent = true;
+    // The header block is complete once the body starts: no continuation line can follow.
+    FlushLastLine(transfer);
+    transfer->last_line = QString();
+    std::vector<QString> lines;
+    const HttpRequest* http = transfer->http;
+    lines.reserve(static_cast<std::size_t>(http->GetResponseHeaderCount()));
+    for (int i = 0; i < http->GetResponseHeaderCount(); ++i) {
+      lines.push_back(*http->GetResponseHeader(i));
+    }
+    transfer->sink->PushHead(transfer->response_code, std::move(lines));
+  }
+  switch (transfer->sink->Push(data, total)) {
+    case ResponseSink::PushResult::kTaken:
+      return total;
+    case ResponseSink::PushResult::kFull:
+      transfer->paused = true;
+      return CURL_WRITEFUNC_PAUSE;
+    case ResponseSink::PushResult::kStopped:
+    default:
+      return 0;
+  }
+}
+
 size_t OnBodyBytes(char* data, size_t size, size_t count, void* user) {
   auto* transfer = static_cast<Transfer*>(user);
   const size_t total = size * count;
+  if (transfer->sink != nullptr) {
+    if (transfer->response_code >= 200 && transfer->response_code <= 299) {
+      return OnSinkBytes(transfer, data, total);
+    }
+    const ByteBuffer* kept = transfer->http->GetResponseBuffer();
+    if (kept != nullptr && kept->size() + total > kMaxSinkErrorBodyBytes) return 0;
+    transfer->http->MutableResponseBuffer()->Append(data, total);
+    return total;
+  }
   if (transfer->buffer == nullptr) {
     transfer->buffer = transfer->http->MutableResponseBuffer();
     if (transfer->content_length > 0) {
@@ -607,10 +702,12 @@ struct CurlTransport::Impl {
   // --- Shared between the main thread and the I/O thread (under `mutex`).
   std::mutex mutex;
   std::vector<Transfer*> queue;
+  std::vector<NetworkRequest*> cancels;  // each holds a reference, dropped by the I/O thread
   bool stopping = false;
   std::atomic<bool> queued{false};    // `queue` may be non-empty
   std::atomic<bool> sleeping{false};  // the I/O thread is (about to be) blocked in curl_multi_poll
   std::atomic<std::size_t> in_flight{0};
+  std::atomic<bool> resume_wanted{false};  // a response sink has room for a paused transfer
 
   // --- Main thread.
   std::shared_ptr<const Settings> settings = std::make_shared<Settings>();
@@ -633,6 +730,7 @@ struct CurlTransport::Impl {
 
   void EnsureStarted();
   void Enqueue(Transfer* transfer);
+  void Cancel(NetworkRequest* request);
   void Stop();
 
   void Run();
@@ -644,7 +742,11 @@ struct CurlTransport::Impl {
   bool Spin();
   // Finishes the transfers libcurl reports done; true when there was one.
   bool Reap();
+  // Takes the cancelled requests off the wire; drops the references that Cancel() took.
+  void Drop(const std::vector<NetworkRequest*>& cancelled);
   void Finish(Transfer* transfer, std::uint32_t code);
+  // Unpauses the transfers whose response sink asked for more.
+  void ResumePaused();
 };
 
 void CurlTransport::Impl::EnsureStarted() {
@@ -674,6 +776,30 @@ void CurlTransport::Impl::Enqueue(Transfer* transfer) {
   if (sleeping.load(std::memory_order_seq_cst)) curl_multi_wakeup(multi);
 }
 
+void CurlTransport::Impl::Cancel(NetworkRequest* request) {
+  if (!started) return;  // nothing was ever queued, so the request is not ours
+  NetworkRequest::AddRef(request);
+  {
+    std::lock_guard<std::mutex> lock(mutex);
+    cancels.push_back(request);
+    queued.store(true, std::memory_order_release);
+  }
+  if (sleeping.load(std::memory_order_seq_cst)) curl_multi_wakeup(multi);
+}
+
+void CurlTransport::Impl::Drop(const std::vector<NetworkRequest*>& cancelled) {
+  for (NetworkRequest* request : cancelled) {
+    for (Transfer* transfer = active; transfer != nullptr; transfer = transfer->next) {
+      if (transfer->request == request) {
+        Finish(transfer, status::kErrorCancelled);
+        break;
+      }
+    }
+    // A request not found has already been handed to the main loop; it completes as cancelled.
+    NetworkRequest::ReleaseRef(request);
+  }
+}
+
 void CurlTransport::Impl::Stop() {
   if (!started) return;
   {
@@ -689,21 +815,28 @@ void CurlTransport::Impl::Stop() {
 
 void CurlTransport::Impl::Run() {
   std::vector<Transfer*> incoming;
+  std::vector<NetworkRequest*> cancelled;
   for (;;) {
     bool stop;
     {
       std::lock_guard<std::mutex> lock(mutex);
       incoming.swap(queue);
+      cancelled.swap(cancels);
       queued.store(false, std::memory_order_relaxed);
       stop = stopping;
     }
     if (stop) {
       for (Transfer* transfer : incoming) Finish(transfer, status::kErrorUnknown);
+      for (NetworkRequest* request : cancelled) NetworkRequest::ReleaseRef(request);
       break;
     }
-    const bool added = !incoming.empty();
+    const bool added = !incoming.empty() || !cancelled.empty();
     for (Transfer* transfer : incoming) Add(transfer);
     incoming.clear();
+    // After the new transfers joined, so that a request cancelled right after its start is found.
+    Drop(cancelled);
+    cancelled.clear();
+    if (resume_wanted.exchange(false, std::memory_order_acq_rel)) ResumePaused();
     UpdateConnectionCache();
     int running = 0;
     curl_multi_perform(multi, &running);
@@ -714,7 +847,7 @@ void CurlTransport::Impl::Run() {
     bool empty;
     {
       std::lock_guard<std::mutex> lock(mutex);
-      empty = queue.empty() && !stopping;
+      empty = queue.empty() && !stopping && !resume_wanted.load(std::memory_order_acquire);
     }
     if (empty) curl_multi_poll(multi, nullptr, 0, kPollMilliseconds, nullptr);
     sleeping.store(false, std::memory_order_relaxed);
@@ -746,6 +879,12 @@ void CurlTransport::Impl::Add(Transfer* transfer) {
   }
   transfer->easy = easy;
   SetUpHandle(transfer, easy);
+  if (transfer->sink != nullptr) {
+    transfer->sink->SetWaker([this] {
+      resume_wanted.store(true, std::memory_order_release);
+      curl_multi_wakeup(multi);
+    });
+  }
 
   const ConnectionOptions& options = transfer->options;
   if (options.max_connections_per_host != max_host_connections) {
@@ -810,6 +949,12 @@ void CurlTransport::Impl::SetUpHandle(Transfer* transfer, CURL* easy) {
   curl_easy_setopt(easy, CURLOPT_HEADERDATA, transfer);
   curl_easy_setopt(easy, CURLOPT_WRITEFUNCTION, &OnBodyBytes);
   curl_easy_setopt(easy, CURLOPT_WRITEDATA, transfer);
+  if (transfer->report_progress) {
+    transfer->reported_at = std::chrono::steady_clock::now();
+    curl_easy_setopt(easy, CURLOPT_XFERINFOFUNCTION, &OnTransferInfo);
+    curl_easy_setopt(easy, CURLOPT_XFERINFODATA, transfer);
+    curl_easy_setopt(easy, CURLOPT_NOPROGRESS, 0L);
+  }
 
   // TLS.
   const long verify = settings.insecure ? 0L : 1L;
@@ -888,7 +1033,10 @@ bool CurlTransport::Impl::Spin() {
   do {
     int ready = 0;
     curl_multi_poll(multi, nullptr, 0, 0, &ready);
-    if (ready > 0 || queued.load(std::memory_order_acquire)) return true;
+    if (ready > 0 || queued.load(std::memory_order_acquire) ||
+        resume_wanted.load(std::memory_order_acquire)) {
+      return true;
+    }
     std::this_thread::yield();
   } while (std::chrono::steady_clock::now() < deadline);
   return false;
@@ -917,7 +1065,21 @@ bool CurlTransport::Impl::Reap() {
   return finished;
 }
 
+void CurlTransport::Impl::ResumePaused() {
+  for (Transfer* transfer = active; transfer != nullptr;) {
+    Transfer* next = transfer->next;
+    if (transfer->paused && transfer->easy != nullptr) {
+      transfer->paused = false;
+      // May hand the held bytes to the sink at once, which may pause the transfer again.
+      curl_easy_pause(transfer->easy, CURLPAUSE_CONT);
+    }
+    transfer = next;
+  }
+}
+
 void CurlTransport::Impl::Finish(Transfer* transfer, std::uint32_t code) {
+  // The sink's waker refers to this transport: detached before the transfer is gone.
+  if (transfer->sink != nullptr) transfer->sink->SetWaker({});
   CURL* easy = transfer->easy;
   if (easy != nullptr && transfer->in_multi) curl_multi_remove_handle(multi, easy);
   if (transfer->prev != nullptr || transfer->next != nullptr || active == transfer) {
@@ -930,6 +1092,16 @@ void CurlTransport::Impl::Finish(Transfer* transfer, std::uint32_t code) {
   HttpRequest* http = transfer->http;
   http->SetResponseStatus(code);
   FlushLastLine(transfer);
+  if (transfer->report_progress && code != status::kErrorCancelled && easy != nullptr) {
+    // The last figures, unless they were already reported; queued ahead of the completion.
+    curl_off_t sent = 0;
+    curl_off_t received = 0;
+    curl_easy_getinfo(easy, CURLINFO_SIZE_UPLOAD_T, &sent);
+    curl_easy_getinfo(easy, CURLINFO_SIZE_DOWNLOAD_T, &received);
+    transfer->sent = sent;
+    transfer->received = received;
+    if (sent + received != transfer->reported_bytes) ReportProgress(transfer);
+  }
   // From here on the request belongs to the main loop; the handle is recycled meanwhile.
   PostCompletion(transfer->request);
   if (easy != nullptr) {
@@ -1029,7 +1201,9 @@ void CurlTransport::Start(NetworkRequest* request, const ServerInfo& server,
   transfer->port = server.port();
   transfer->method = http->method();
   transfer->keep_headers = request->keep_response_headers();
+  transfer->sink = request->response_sink();
   transfer->send_user_agent = request->default_headers() != NetworkRequest::Info::kNoDefaultHeaders;
+  transfer->report_progress = request->report_progress();
 
   bool valid = server.valid();
   if (valid) {
@@ -1088,6 +1262,8 @@ void CurlTransport::Start(NetworkRequest* request, const ServerInfo& server,
   }
   impl_->Enqueue(transfer);
 }
+
+void CurlTransport::Cancel(NetworkRequest* request) { impl_->Cancel(request); }
 
 std::size_t CurlTransport::in_flight() const {
   return impl_->in_flight.load(std::memory_order_acquire);

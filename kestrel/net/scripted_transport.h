@@ -8,7 +8,9 @@
 #include <cstdint>
 #include <deque>
 #include <functional>
+#include <map>
 #include <memory>
+#include <utility>
 #include <vector>
 
 #include "kestrel/base/kestrel_export.h"
@@ -21,7 +23,8 @@ namespace net {
 /// A deterministic in-memory transport for tests and benchmarks. A test scripts the answers (a
 /// completion code, a body, header lines) and reads back every request as the transport saw it.
 /// Every request completes later, from kestrel::MainLoop::Default(), never inside the call that
-/// issued it.
+/// issued it. A request with a response sink receives the body of a 2xx answer through it, in
+/// pieces and with the sink's back-pressure (see Answer::piece_size).
 ///
 /// Install it with TransportRegistry::SetDefault() before creating the connection managers that
 /// should use it; it must outlive every request started on it. Main loop's thread only.
@@ -39,6 +42,20 @@ class KESTREL_EXPORT ScriptedTransport : public ITransport {
     std::vector<QString> headers;
     /// Completion comes after this long (0: on the next turn of the main loop).
     double delay_seconds = 0;
+    /// For a request with a response sink: the HTTP status of the answer's head as the sink sees
+    /// it (0: the status of `code` when it is an HTTP one). Set it with a failure `code` to script
+    /// an answer cut off in the middle of its body: the sink receives the head and `body`, then the
+    /// request fails with `code`.
+    int head_status = 0;
+    /// For a request with a response sink: the body goes to the sink in pieces of this many bytes
+    /// (0: in one piece), offered back to back as a fast network would; when the sink is full the
+    /// delivery waits until the sink has room, as the built-in transport does.
+    std::size_t piece_size = 0;
+    /// Progress reports delivered before the completion, to a request that asked for progress:
+    /// each is given after its `first` seconds (figures as given in `second`). Whatever the list,
+    /// such a request hears one last report (everything sent, the whole body received) just before
+    /// it completes.
+    std::vector<std::pair<double, TransferProgress>> progress;
   };
 
   /// One request as the transport received it.
@@ -104,18 +121,35 @@ class KESTREL_EXPORT ScriptedTransport : public ITransport {
   std::size_t completed() const;
   /// The number of requests started and not yet completed.
   std::size_t in_flight() const { return started_ - completed(); }
+  /// How many times a response sink was full so that a delivery had to wait for it.
+  std::size_t sink_pauses() const;
   /// Where the body of the most recently completed answer was placed (the response buffer), or
   /// null when it had none.
   const char* last_response_data() const;
 
+  /// The number of requests that Cancel() dropped.
+  std::size_t cancelled() const;
+
   /// Records the request and schedules its answer on the main loop (see ITransport::Start()).
   void Start(NetworkRequest* request, const ServerInfo& server,
              const ConnectionOptions& options) override;
+  /// Drops the request's scheduled answer and progress reports and completes it on the next turn
+  /// of the main loop (as cancelled). The answer it had taken from the queue is not used again.
+  void Cancel(NetworkRequest* request) override;
 
  private:
   struct Shared {
     std::size_t completed = 0;
+    std::size_t sink_pauses = 0;
+    std::size_t cancelled = 0;
     const char* last_response_data = nullptr;
+    struct Pending {
+      std::uint64_t serial = 0;           // tells a request from a later one at the same address
+      std::vector<std::uint64_t> timers;  // its main-loop timers
+    };
+    // Every request not yet completed nor cancelled.
+    std::map<NetworkRequest*, Pending> pending;
+    std::uint64_t next_serial = 1;
   };
 
   std::deque<Answer> answers_;

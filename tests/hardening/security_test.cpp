@@ -5,11 +5,18 @@
 //   * redirects are not followed: the answer reaches the caller, the Location is never contacted;
 //   * a certificate that is untrusted, expired or for another host fails the request with status 2
 //     before a byte of it is sent, unless the host trusts that certificate explicitly;
-//   * XML external entities are never resolved: no file is opened and no connection is made.
+//   * XML external entities are never resolved: no file is opened and no connection is made;
+//   * a streaming download refuses answers that contradict its request or themselves (more bytes
+//     than announced, a Content-Range other than the one asked for, negative or overflowing
+//     lengths): a clear failure, and nothing written beyond the announced end or outside its file.
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/inotify.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
+#include <QDir>
+#include <QTemporaryDir>
 #include <QUrl>
 #include <cstdlib>
 #include <functional>
@@ -20,6 +27,8 @@
 
 #include "kestrel/base/main_loop.h"
 #include "kestrel/base/memory_manager.h"
+#include "kestrel/net/transport_registry.h"
+#include "quire/services/content_download.h"
 #include "tests/hardening/library_client.h"
 #include "tests/hardening/operation_runner.h"
 #include "tests/hardening/raw_listener.h"
@@ -530,6 +539,109 @@ TEST_F(SecurityTest, XmlExternalEntitiesAreNeverResolved) {
   }
   EXPECT_EQ(probe.connections(), 0) << "an entity or a DTD was fetched";
   EXPECT_FALSE(secret.Touched()) << "an entity was read from a file";
+}
+
+// A streaming download from a listener that answers `reply`, into a file that already holds
+// `prefix` (resumed under the tag "t1" when it is not empty). Returns the outcome; `file` receives
+// what the file holds afterwards, `others` the names of any other file in its folder.
+kestrel::quire::DownloadResult HostileDownload(int port, const std::string& authority_file,
+                                               const QByteArray& prefix, QByteArray* file,
+                                               QStringList* others) {
+  QTemporaryDir dir;
+  EXPECT_TRUE(dir.isValid());
+  const QString path = dir.filePath(QStringLiteral("content.part"));
+  const int fd = ::open(QFile::encodeName(path).constData(), O_RDWR | O_CREAT | O_TRUNC, 0644);
+  EXPECT_GE(fd, 0);
+  EXPECT_EQ(::write(fd, prefix.constData(), static_cast<std::size_t>(prefix.size())),
+            static_cast<ssize_t>(prefix.size()));
+  LibraryClient::Options options;
+  options.port = port;
+  options.trusted_files = {authority_file};
+  options.token = QStringLiteral("clean-token");
+  LibraryClient client(options);
+  EXPECT_TRUE(client.configured());
+  kestrel::net::TransportRegistry::SetDefault(&client.transport());
+  auto* download = new kestrel::quire::ContentDownload(&client.docs());
+  kestrel::net::TransportRegistry::SetDefault(nullptr);
+  kestrel::quire::DownloadOptions settings;
+  settings.resume_from = static_cast<std::uint64_t>(prefix.size());
+  if (!prefix.isEmpty()) settings.etag = QStringLiteral("\"t1\"");
+  settings.retry_policy = kestrel::quire::RetryPolicy::NoRetries();
+  kestrel::quire::DownloadResult result;
+  bool done = false;
+  download->Start(
+      QUrl(QStringLiteral("https://docs.quire.example/feeds/default/private/full/d1/content")),
+      kestrel::quire::DownloadTarget::ForFileDescriptor(fd), settings,
+      [&](const kestrel::quire::DownloadResult& r) {
+        result = r;
+        done = true;
+      });
+  EXPECT_TRUE(MainLoop::Default()->RunUntil([&] { return done; }, 60.0));
+  EXPECT_TRUE(client.WaitForIdle(60.0));
+  delete download;
+  ::close(fd);
+  QFile read(path);
+  EXPECT_TRUE(read.open(QIODevice::ReadOnly));
+  *file = read.readAll();
+  *others = QDir(dir.path()).entryList(QDir::Files | QDir::Hidden);
+  others->removeAll(QStringLiteral("content.part"));
+  return result;
+}
+
+TEST_F(SecurityTest, StreamingDownloadRefusesAnswersThatContradictTheRequest) {
+  using kestrel::quire::DownloadOutcome;
+  const std::string letters(100, 'a');
+  struct Case {
+    const char* name;
+    std::string reply;
+    bool resume;
+    int announced = 0;  // bytes the answer may legitimately bring before it contradicts itself
+  };
+  const std::vector<Case> cases = {
+      // A chunked body longer than the Content-Length that came with it.
+      {"more bytes than announced",
+       "HTTP/1.1 200 OK\r\nContent-Length: 10\r\nTransfer-Encoding: chunked\r\n"
+       "Connection: close\r\n\r\n64\r\n" +
+           letters + "\r\n0\r\n\r\n",
+       false, 10},
+      {"a range other than the one asked for",
+       "HTTP/1.1 206 Partial Content\r\nContent-Range: bytes 0-99/100\r\nContent-Length: 100\r\n"
+       "ETag: \"t1\"\r\nConnection: close\r\n\r\n" +
+           letters,
+       true},
+      {"a range whose length disagrees with Content-Length",
+       "HTTP/1.1 206 Partial Content\r\nContent-Range: bytes 50-99/100\r\nContent-Length: 100\r\n"
+       "ETag: \"t1\"\r\nConnection: close\r\n\r\n" +
+           letters,
+       true},
+      {"an overflowing range",
+       "HTTP/1.1 206 Partial Content\r\nContent-Range: bytes 50-18446744073709551615/"
+       "18446744073709551616\r\nETag: \"t1\"\r\nConnection: close\r\n\r\n" +
+           letters,
+       true},
+      {"a negative length",
+       "HTTP/1.1 200 OK\r\nContent-Length: -100\r\nConnection: close\r\n\r\n" + letters, false},
+      {"an overflowing length",
+       "HTTP/1.1 200 OK\r\nContent-Length: 99999999999999999999\r\nConnection: close\r\n\r\n" +
+           letters,
+       false},
+  };
+  for (const Case& hostile : cases) {
+    SCOPED_TRACE(hostile.name);
+    auto listener = Service(hostile.reply);
+    ASSERT_TRUE(listener->ok());
+    const QByteArray prefix = hostile.resume ? QByteArray(50, 'p') : QByteArray();
+    QByteArray file;
+    QStringList others;
+    const kestrel::quire::DownloadResult result =
+        HostileDownload(listener->port(), certificates_->authority_file(), prefix, &file, &others);
+    EXPECT_NE(result.outcome, DownloadOutcome::kComplete);
+    EXPECT_LE(file.size(), prefix.size() + hostile.announced)
+        << "bytes beyond the announced end were written";
+    EXPECT_EQ(file.left(prefix.size()), prefix) << "the part was changed";
+    EXPECT_TRUE(others.isEmpty()) << "files beside the destination: "
+                                  << others.join(QLatin1Char(' ')).toStdString();
+  }
 }
 
 }  // namespace

@@ -31,6 +31,7 @@ if(TARGET quire-server)
       tools/quire-server/fault_injection_test.cpp
       tools/quire-server/lifecycle_test.cpp
       tools/quire-server/protocol_test.cpp
+      tools/quire-server/range_test.cpp
     LIBS quire_server_test_support)
 
   quire_add_test(quire_server_stress_test

@@ -42,6 +42,7 @@ void FaultInjector::ReplaceBody(HttpResponse* response) const {
   }
   response->body.clear();
   response->file = std::move(file);
+  response->file_offset = 0;
   response->file_size = static_cast<std::uint64_t>(info.st_size);
 }
 

@@ -301,7 +301,8 @@ void HttpConnection<Stream>::Send(HttpResponse response) {
   if (response.file.valid() && !head_) {
     auto outgoing = std::make_shared<Outgoing<ContentFileBody>>();
     prepare(outgoing->message);
-    outgoing->message.body().Reset(std::move(response.file), response.file_size);
+    outgoing->message.body().Reset(std::move(response.file), response.file_offset,
+                                   response.file_size);
     outgoing->message.content_length(response.file_size);
     outgoing->serializer.emplace(outgoing->message);
     return WriteSome(std::move(outgoing));

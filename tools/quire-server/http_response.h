@@ -16,8 +16,10 @@ struct HttpResponse {
   int status = 200;
   std::vector<std::pair<std::string, std::string>> fields;
   std::string body;
-  // When valid, the body is `file_size` bytes read from this file instead of `body`.
+  // When valid, the body is `file_size` bytes read from this file, from `file_offset` on, instead
+  // of `body`.
   UniqueFd file;
+  std::uint64_t file_offset = 0;
   std::uint64_t file_size = 0;
   // Close the connection after this answer.
   bool close = false;

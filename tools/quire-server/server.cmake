@@ -18,6 +18,7 @@ find_package(pugixml REQUIRED)
 find_package(Threads REQUIRED)
 
 add_executable(quire-server
+  quire-server/byte_range.cpp
   quire-server/certificate_maker.cpp
   quire-server/content_file_body.cpp
   quire-server/content_range.cpp

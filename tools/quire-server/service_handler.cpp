@@ -6,6 +6,7 @@
 #include <pugixml.hpp>
 
 #include "quire/services/endpoints.h"
+#include "tools/quire-server/byte_range.h"
 #include "tools/quire-server/content_range.h"
 #include "tools/quire-server/fault_injector.h"
 #include "tools/quire-server/file_body_exchange.h"
@@ -221,7 +222,7 @@ Decision ServiceHandler::Dispatch(const RequestHead& head) {
       if (m == "DELETE") return Answer(Delete(route.id, head));
       return Answer(MethodNotAllowed("GET, HEAD, PUT, DELETE"));
     case RouteKind::kContent:
-      return Answer(get ? GetContent(route.id) : MethodNotAllowed("GET, HEAD"));
+      return Answer(get ? GetContent(route.id, head) : MethodNotAllowed("GET, HEAD"));
     case RouteKind::kAcl:
     case RouteKind::kRevisions:
       if (!get) return Answer(MethodNotAllowed("GET, HEAD"));
@@ -328,15 +329,42 @@ HttpResponse ServiceHandler::GetEntry(const std::string& id) {
   return EntryAnswer(200, *record);
 }
 
-HttpResponse ServiceHandler::GetContent(const std::string& id) {
+HttpResponse ServiceHandler::GetContent(const std::string& id, const RequestHead& head) {
   DocumentRecord record;
   UniqueFd fd = documents_.OpenContent(id, &record);
   if (!fd.valid()) return HttpResponse::Error(404, "documentNotFound", "no such document");
   HttpResponse response;
   response.Set("Content-Type", record.content_type);
   response.Set("ETag", record.etag);
+  response.Set("Accept-Ranges", "bytes");
   response.file = std::move(fd);
   response.file_size = record.size;
+
+  // One Range field with one well-formed byte range is served; several fields, several ranges or
+  // a malformed value get the whole content. If-Range must name the current (strong) tag exactly,
+  // else the client's part is of another version and it gets the whole content.
+  if (head.Count("Range") != 1) return response;
+  std::optional<ByteRange> range = ByteRange::Parse(*head.Find("Range"));
+  if (!range) return response;
+  if (head.Count("If-Range") > 1) return response;
+  if (const std::string* if_range = head.Find("If-Range")) {
+    if (Trim(*if_range) != record.etag) return response;
+  }
+  ByteRange::Selection selection = range->Select(record.size);
+  if (!selection.satisfiable) {
+    HttpResponse refusal = HttpResponse::Error(416, "rangeNotSatisfiable",
+                                               "the range starts beyond the end of the content");
+    refusal.Set("Content-Range", "bytes */" + std::to_string(record.size));
+    refusal.Set("ETag", record.etag);
+    refusal.Set("Accept-Ranges", "bytes");
+    return refusal;
+  }
+  response.status = 206;
+  response.Set("Content-Range", "bytes " + std::to_string(selection.first) + "-" +
+                                    std::to_string(selection.first + selection.length - 1) + "/" +
+                                    std::to_string(record.size));
+  response.file_offset = selection.first;
+  response.file_size = selection.length;
   return response;
 }
 

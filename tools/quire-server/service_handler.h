@@ -44,7 +44,8 @@ class ServiceHandler {
   HttpResponse Feed();
   Decision Create(const RequestHead& head);
   HttpResponse GetEntry(const std::string& id);
-  HttpResponse GetContent(const std::string& id);
+  // The content, whole or the one range asked for (Range, guarded by If-Range).
+  HttpResponse GetContent(const std::string& id, const RequestHead& head);
   Decision Replace(const std::string& id, const RequestHead& head);
   HttpResponse Delete(const std::string& id, const RequestHead& head);
   Decision OpenSession(const RequestHead& head, const std::string& document_id);

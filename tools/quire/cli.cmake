@@ -11,6 +11,7 @@ add_library(quire_cli_core STATIC
   ${CMAKE_CURRENT_LIST_DIR}/doc_list_formatter.cpp
   ${CMAKE_CURRENT_LIST_DIR}/doc_record.cpp
   ${CMAKE_CURRENT_LIST_DIR}/doc_resolver.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/downloader.cpp
   ${CMAKE_CURRENT_LIST_DIR}/exit_codes.cpp
   ${CMAKE_CURRENT_LIST_DIR}/failure_classifier.cpp
   ${CMAKE_CURRENT_LIST_DIR}/interrupt_handler.cpp

@@ -47,6 +47,9 @@ class Client {
   // entity-tag-changed failure, saying that the document changed since it was listed.
   void Delete(const DocRecord& doc, const QString& etag);
 
+  // The document service, whose token authorises the requests (for the streaming download).
+  const kestrel::quire::DocsService* docs() const { return docs_.get(); }
+
   // Runs the main loop until `done` holds. The transport bounds every request in time; this bound
   // only guards against a transport that never answers.
   static void Wait(const std::function<bool()>& done);

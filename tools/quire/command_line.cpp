@@ -3,15 +3,16 @@
 #include <CLI/CLI.hpp>
 #include <QFileInfo>
 #include <QMimeDatabase>
-#include <QSaveFile>
 #include <QUrl>
 #include <cctype>
 
+#include "quire/services/docs_service.h"
 #include "tools/quire/cli_failure.h"
 #include "tools/quire/client.h"
 #include "tools/quire/demo_runner.h"
 #include "tools/quire/doc_list_formatter.h"
 #include "tools/quire/doc_resolver.h"
+#include "tools/quire/downloader.h"
 #include "tools/quire/exit_codes.h"
 #include "tools/quire/mapped_file.h"
 #include "tools/quire/token_source.h"
@@ -27,6 +28,8 @@ namespace quire_cli {
 namespace {
 
 constexpr char kDefaultChunkSize[] = "8MiB";
+// Attempts in a row without a new byte before a download gives up on a transient failure.
+constexpr int kDownloadAttempts = 5;
 
 QString Q(const std::string& text) { return QString::fromStdString(text); }
 
@@ -143,8 +146,13 @@ void CommandLine::Build(CLI::App* app) {
 
   CLI::App* get = app->add_subcommand("get", "Download a document's content");
   get->add_option("DOC", doc_, "The document: title, id or edit address")->required();
-  get->add_option("-o,--output", output_, "Write the content to FILE instead of standard output")
+  get->add_option("-o,--output", output_,
+                  "Write the content to FILE instead of standard output: it is streamed into "
+                  "FILE.part, which replaces FILE only once it is complete")
       ->type_name("FILE");
+  get->add_flag("--continue", continue_,
+                "Continue the FILE.part that an interrupted run left: only the missing bytes are "
+                "asked for (while the document is unchanged)");
 
   CLI::App* put = app->add_subcommand(
       "put", "Create a document from FILE in one request (the service names it \"Untitled\")");
@@ -315,40 +323,47 @@ void CommandLine::List() {
 
 void CommandLine::Get() {
   const QString token = Token();
-  std::unique_ptr<QSaveFile> file;
-  if (!output_.empty()) {
-    file.reset(new QSaveFile(Q(output_)));
-    if (!file->open(QIODevice::WriteOnly)) {
-      throw CliFailure(ExitCode::kLocal, "cannot write " + output_ + " (" +
-                                             file->errorString().toStdString() +
-                                             "); give a writable path with -o");
-    }
+  if (output_.empty() && continue_) {
+    throw CliFailure(ExitCode::kUsage,
+                     "--continue needs -o FILE (a download to the standard output cannot be "
+                     "continued); add -o FILE");
   }
+  // The destination is checked before anything is sent.
+  if (!output_.empty()) Downloader::CheckOutputPath(Q(output_));
   InstallTransport();
   Client client(token, transport_->classifier());
   const FeedSnapshot snapshot = client.List();
   const DocRecord doc = DocResolver(snapshot.documents).Resolve(Q(doc_));
-  bool written = true;
-  std::int64_t size = 0;
-  client.Download(doc, [&](const QByteArray& body) {
-    size = body.size();
-    if (file) {
-      written = file->write(body) == body.size();
-    } else {
-      out().write(body.constData(), body.size());
-      written = static_cast<bool>(out().flush());
+  std::ostream* progress = host_->err_is_terminal ? host_->err : nullptr;
+  Downloader downloader(client.docs(), transport_->classifier(), progress, kDownloadAttempts);
+  if (output_.empty()) {
+    std::ostream& stream = out();
+    downloader.ToStream(doc, [&stream](const char* data, std::size_t size) {
+      stream.write(data, static_cast<std::streamsize>(size));
+      return static_cast<bool>(stream);
+    });
+    if (!out().flush()) {
+      throw CliFailure(ExitCode::kLocal, "cannot write the content of \"" +
+                                             doc.title.toStdString() +
+                                             "\" to the standard output; check where it goes");
     }
-  });
-  if (!written || (file && !file->commit())) {
-    throw CliFailure(ExitCode::kLocal, "cannot write the content of \"" + doc.title.toStdString() +
-                                           "\" to " +
-                                           (file ? output_ : std::string("the standard output")) +
-                                           "; check the free space and the permissions");
+    return;
   }
-  if (file) {
-    out() << "saved \"" << doc.title.toStdString() << "\" (" << size << " bytes) to " << output_
-          << '\n';
+  const std::string command = "quire get " + doc_ + " -o " + output_;
+  downloader.ToFile(doc, Q(output_), continue_, command);
+  out() << "saved \"" << doc.title.toStdString() << "\" (" << downloader.bytes() << " bytes) to "
+        << output_;
+  if (continue_) {
+    if (downloader.reused() > 0) {
+      out() << ", " << downloader.reused() << " bytes reused from " << output_ << ".part";
+    } else if (downloader.restarted()) {
+      out() << ", started over (the document changed since the part was written)";
+    } else {
+      out() << ", nothing reused (no part to continue)";
+    }
   }
+  if (downloader.attempts() > 1) out() << " after " << downloader.attempts() << " requests";
+  out() << '\n';
 }
 
 void CommandLine::Put() {

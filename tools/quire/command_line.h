@@ -77,6 +77,7 @@ class CommandLine {
   std::string file_;
   std::string output_;
   bool force_ = false;
+  bool continue_ = false;
   std::string if_match_;
   std::string title_;
   std::string type_;

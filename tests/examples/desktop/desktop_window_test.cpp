@@ -145,6 +145,9 @@ TEST_F(DesktopWindowTest, ListUploadCancelDownloadDelete) {
   QFile back(saved);
   ASSERT_TRUE(back.open(QIODevice::ReadOnly)) << window->message_text().toStdString();
   EXPECT_TRUE(back.readAll() == report) << "the downloaded bytes differ";
+  EXPECT_EQ(window->progress()->value(), window->progress()->maximum());
+  EXPECT_TRUE(window->message_text().startsWith(QLatin1String("Saved report.bin")))
+      << window->message_text().toStdString();
 
   // Someone else changes the document after the listing: the delete is refused (412).
   {

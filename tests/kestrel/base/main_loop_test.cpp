@@ -5,6 +5,7 @@
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
+#include <memory>
 #include <mutex>
 #include <thread>
 #include <vector>
@@ -138,6 +139,22 @@ TEST(MainLoopWakeUpHookTest, DelayedJobCallsTheHookOnlyWhenItBecomesTheEarliest)
   EXPECT_EQ(loop.pending(), 4u);
 }
 
+TEST(MainLoopWakeUpHookTest, TimerCallsTheHookOnlyWhenItBecomesTheEarliest) {
+  MainLoop loop;
+  int calls = 0;
+  loop.SetWakeUpHook([&] { ++calls; });
+  loop.PostTimer(5.0, [] {});
+  EXPECT_EQ(calls, 1);
+  loop.PostTimer(10.0, [] {});
+  EXPECT_EQ(calls, 1);
+  const MainLoop::TimerId early = loop.PostTimer(1.0, [] {});
+  EXPECT_EQ(calls, 2);
+  EXPECT_LE(loop.SecondsUntilNextJob(), 1.0);
+  EXPECT_TRUE(loop.CancelTimer(early));
+  EXPECT_EQ(calls, 2) << "taking a timer back calls no hook";
+  EXPECT_GT(loop.SecondsUntilNextJob(), 4.0) << "the next due time moved to the 5 s timer";
+}
+
 TEST(MainLoopWakeUpHookTest, SecondsUntilNextJobIsZeroOnceADelayedJobFellDue) {
   MainLoop loop;
   bool ran = false;
@@ -249,6 +266,38 @@ TEST(MainLoopWakeUpHookTest, RemovingTheHookWaitsForARunningCall) {
   EXPECT_TRUE(hook_finished.load()) << "SetWakeUpHook returned while the old hook still ran";
   poster.join();
   loop.RunUntilIdle();
+}
+
+TEST(MainLoopTest, CancelledTimersNeverRunAndAreDestroyedAtOnce) {
+  MainLoop loop;
+  std::vector<int> order;
+  auto token = std::make_shared<int>(7);
+  const MainLoop::TimerId first = loop.PostTimer(0.02, [&order, token] { order.push_back(1); });
+  const MainLoop::TimerId second = loop.PostTimer(0.01, [&order] { order.push_back(2); });
+  EXPECT_NE(first, 0u);
+  EXPECT_NE(first, second);
+  EXPECT_EQ(token.use_count(), 2);
+  EXPECT_TRUE(loop.CancelTimer(first));
+  EXPECT_EQ(token.use_count(), 1) << "a cancelled job must be destroyed by CancelTimer";
+  EXPECT_FALSE(loop.CancelTimer(first)) << "cancelling twice";
+  EXPECT_EQ(loop.pending(), 1u);
+  loop.RunUntil([&] { return !order.empty(); }, 2.0);
+  loop.RunUntil([] { return false; }, 0.05);
+  EXPECT_EQ(order, std::vector<int>{2});
+  EXPECT_FALSE(loop.CancelTimer(second)) << "a timer that ran cannot be cancelled";
+  EXPECT_FALSE(loop.CancelTimer(12345)) << "an unknown id";
+  EXPECT_EQ(loop.pending(), 0u);
+}
+
+TEST(MainLoopTest, TimersAndDelayedJobsKeepDueOrderAndPostingOrder) {
+  MainLoop loop;
+  std::vector<int> order;
+  loop.PostTimer(0.03, [&] { order.push_back(3); });
+  loop.PostDelayed(0.01, [&] { order.push_back(1); });
+  loop.PostTimer(0.02, [&] { order.push_back(2); });
+  loop.PostTimer(0, [&] { order.push_back(0); });
+  loop.RunUntil([&] { return order.size() == 4; }, 2.0);
+  EXPECT_EQ(order, (std::vector<int>{0, 1, 2, 3}));
 }
 
 TEST(MainThreadJobExecutorTest, PostsToItsLoop) {

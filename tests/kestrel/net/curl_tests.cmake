@@ -10,10 +10,12 @@ quire_add_test(kestrel_curl_test
     net/curl_test_server.cpp
     net/curl_test_support.cpp
     net/curl_body_test.cpp
+    net/curl_cancel_test.cpp
     net/curl_connection_test.cpp
     net/curl_failure_test.cpp
     net/curl_headers_test.cpp
     net/curl_recycle_test.cpp
+    net/curl_sink_test.cpp
     net/curl_status_test.cpp
     net/curl_proxy_test.cpp
   LIBS quire_test_support quire_test_certificates quire_test_proxy PkgConfig::CURL_TEST_HTTPLIB OpenSSL::SSL OpenSSL::Crypto Threads::Threads)

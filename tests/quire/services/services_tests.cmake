@@ -1,5 +1,6 @@
 quire_add_test(quire_services_test
   SOURCES
+    services/content_download_test.cpp
     services/docs_service_test.cpp
     services/docs_service_wire_test.cpp
     services/service_test.cpp

@@ -18,6 +18,7 @@ quire_add_test(quire_cli_test
 if(TARGET quire-server AND TARGET quire_cli)
   quire_add_test(quire_cli_end_to_end_test
     SOURCES
+      ${CMAKE_CURRENT_LIST_DIR}/cli_download_test.cpp
       ${CMAKE_CURRENT_LIST_DIR}/cli_end_to_end_test.cpp
       ${CMAKE_CURRENT_LIST_DIR}/process_runner.cpp
     LIBS quire_cli_core)

@@ -1,0 +1,408 @@
+// Streaming downloads as a person meets them, each beside its peer in the same run:
+//   first   a fresh `quire get DOC -o FILE` process against `curl -o FILE` (a file in the work
+//           folder, /dev/shm under bench/run), wall time of the whole process, alternating;
+//   memory  the peak resident memory of `quire get` of a large document to a file, beside curl's;
+//   resume  `quire get` killed with SIGKILL at a random point, then `quire get --continue`: the
+//           bytes the emulator sent for the continued run against the bytes that were missing
+//           (read from the emulator's /proc/PID/io, so plain HTTP only).
+// The document is created with curl (streamed from a file), and deleted at the end.
+#include <signal.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <map>
+#include <random>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <fcntl.h>
+
+#include <QString>
+#include <QUrl>
+#include <functional>
+
+#include "bench/suite/bench_common.h"
+#include "kestrel/base/main_loop.h"
+#include "kestrel/net/curl_transport.h"
+#include "quire/services/content_download.h"
+#include "quire/services/docs_service.h"
+
+namespace {
+
+using quire_bench::Row;
+
+constexpr double kMiB = 1024.0 * 1024.0;
+
+// This program's path, for the plain-HTTP download in a process of its own.
+std::string g_self;
+
+struct Options {
+  std::string quire, service, ca, work, out, token = "quire-demo-token", only = "first,memory";
+  long long size_mib = 1024;
+  int rounds = 3;
+  int server_pid = 0;
+};
+
+struct Run {
+  int status = -1;
+  double seconds = 0;
+  double cpu = 0;
+  double max_rss_mib = 0;
+  std::string out;
+};
+
+// Runs `argv` with its standard output to `out_path` (or /dev/null) and standard error to
+// /dev/null; `kill_when` (checked every millisecond) kills it with SIGKILL.
+Run Execute(const std::vector<std::string>& argv, const std::string& out_path = "",
+            const std::function<bool()>& kill_when = nullptr) {
+  Run run;
+  const auto start = std::chrono::steady_clock::now();
+  const pid_t pid = ::fork();
+  if (pid == 0) {
+    const char* target = out_path.empty() ? "/dev/null" : out_path.c_str();
+    std::freopen(target, "w", stdout);
+    std::freopen("/dev/null", "w", stderr);
+    std::vector<char*> args;
+    for (const std::string& arg : argv) args.push_back(const_cast<char*>(arg.c_str()));
+    args.push_back(nullptr);
+    ::execvp(args[0], args.data());
+    ::_exit(127);
+  }
+  int status = 0;
+  struct rusage usage;
+  std::memset(&usage, 0, sizeof usage);
+  for (;;) {
+    const pid_t done = ::wait4(pid, &status, kill_when ? WNOHANG : 0, &usage);
+    if (done == pid) break;
+    if (kill_when && kill_when()) ::kill(pid, SIGKILL);
+    std::this_thread::sleep_for(std::chrono::microseconds(500));
+  }
+  run.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+  run.cpu = static_cast<double>(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) +
+            (usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1e6;
+  run.max_rss_mib = static_cast<double>(usage.ru_maxrss) / 1024.0;
+  run.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+  if (!out_path.empty()) {
+    std::ifstream in(out_path);
+    std::stringstream text;
+    text << in.rdbuf();
+    run.out = text.str();
+  }
+  return run;
+}
+
+long long FileSize(const std::string& path) {
+  struct stat info;
+  return ::stat(path.c_str(), &info) == 0 ? static_cast<long long>(info.st_size) : -1;
+}
+
+// The bytes the emulator has written to sockets and files so far (its wchar).
+long long ServerWrites(int pid) {
+  std::ifstream in("/proc/" + std::to_string(pid) + "/io");
+  std::string name;
+  long long value = 0;
+  while (in >> name >> value) {
+    if (name == "wchar:") return value;
+  }
+  return -1;
+}
+
+class Bench {
+ public:
+  explicit Bench(Options options) : o_(std::move(options)) {
+    host_ = o_.service.substr(o_.service.find("://") + 3);
+    scheme_ = o_.service.substr(0, o_.service.find("://"));
+  }
+
+  std::vector<std::string> Curl() const {
+    std::vector<std::string> args = {"curl",
+                                     "-s",
+                                     "-S",
+                                     "--fail",
+                                     "--http1.1",
+                                     "--connect-to",
+                                     "docs.quire.example:443:" + host_,
+                                     "--connect-to",
+                                     "docs.quire.example:80:" + host_,
+                                     "-H",
+                                     "Quire-Version: 3.0",
+                                     "-H",
+                                     "Authorization: Bearer " + o_.token};
+    if (!o_.ca.empty()) args.insert(args.end(), {"--cacert", o_.ca});
+    return args;
+  }
+  // The command (https only).
+  std::vector<std::string> Quire(const std::vector<std::string>& extra) const {
+    std::vector<std::string> args = {o_.quire, "--server", o_.service, "--cacert", o_.ca};
+    args.insert(args.end(), extra.begin(), extra.end());
+    return args;
+  }
+  std::string Base() const { return scheme_ + "://docs.quire.example"; }
+
+  bool Create() {
+    const std::string file = o_.work + "/download-source.bin";
+    {
+      std::vector<char> block(8 << 20);
+      quire_bench::FillPseudoRandom(block.data(), static_cast<long long>(block.size()), 7);
+      std::ofstream out(file, std::ios::binary);
+      for (long long written = 0; written < o_.size_mib * 1024 * 1024;
+           written += static_cast<long long>(block.size())) {
+        out.write(block.data(), static_cast<std::streamsize>(block.size()));
+        block[0]++;
+      }
+      if (!out) return false;
+    }
+    title_ = "download-bench-" + std::to_string(o_.size_mib);
+    std::vector<std::string> args = Curl();
+    args.insert(args.end(), {"-X", "POST", "-T", file, "-H", "Slug: " + title_, "-H",
+                             "Content-Type: application/octet-stream", "-o", "/dev/null", "-w",
+                             "%header{location}", Base() + "/feeds/default/private/full"});
+    const Run run = Execute(args, o_.work + "/create.out");
+    std::remove(file.c_str());
+    edit_ = run.out;
+    while (!edit_.empty() && (edit_.back() == '\n' || edit_.back() == '\r')) edit_.pop_back();
+    if (run.status != 0 || edit_.empty()) {
+      std::fprintf(stderr, "download_bench: creating the document failed (%d)\n", run.status);
+      return false;
+    }
+    content_ = edit_ + "/content";
+    return true;
+  }
+  void Delete() {
+    std::vector<std::string> args = Curl();
+    args.insert(args.end(), {"-X", "DELETE", "-o", "/dev/null", edit_});
+    Execute(args);
+  }
+
+  bool First() {
+    const std::string target = o_.work + "/download-target.bin";
+    std::vector<double> ours, peer, ours_cpu, peer_cpu;
+    for (int round = 0; round < o_.rounds; ++round) {
+      for (int turn = 0; turn < 2; ++turn) {
+        const bool quire = (turn == 0) == (round % 2 == 0);
+        std::remove(target.c_str());
+        std::vector<std::string> args;
+        if (quire && scheme_ == "https") {
+          args = Quire({"get", title_, "-o", target});
+        } else if (quire) {
+          args = {g_self, "--child", content_, target, o_.service};
+        } else {
+          args = Curl();
+          args.insert(args.end(), {"-o", target, content_});
+        }
+        const Run run = Execute(args);
+        if (run.status != 0 || FileSize(target) != o_.size_mib * 1024 * 1024) {
+          std::fprintf(stderr, "download_bench: a download failed (%s, exit %d)\n",
+                       quire ? "quire" : "curl", run.status);
+          return false;
+        }
+        const double rate = static_cast<double>(o_.size_mib) / run.seconds;
+        const double cpu = run.cpu * 1024.0 / static_cast<double>(o_.size_mib);
+        (quire ? ours : peer).push_back(rate);
+        (quire ? ours_cpu : peer_cpu).push_back(cpu);
+      }
+    }
+    std::remove(target.c_str());
+    Row row;
+    row.id = "download." + scheme_ + ".tofile." + std::to_string(o_.size_mib);
+    row.title = "download " + std::to_string(o_.size_mib) + " MiB to a file, " + scheme_ +
+                ", a fresh process (what a user meets)";
+    row.unit = "MiB/s";
+    row.ours_name = scheme_ == "https" ? "quire get -o FILE" : "ContentDownload to a file";
+    row.peer_name = "curl -o FILE";
+    row.ours = ours;
+    row.peer = peer;
+    row.cpu_unit = "CPU s/GiB";
+    row.ours_cpu = ours_cpu;
+    row.peer_cpu = peer_cpu;
+    row.goal = o_.size_mib >= 1024 ? 0.95 : 0;
+    row.note = scheme_ == "https"
+                   ? "whole process: start, listing, TLS, transfer, sync and rename"
+                   : "whole process (the command speaks only https: the library in a process of "
+                     "its own)";
+    return quire_bench::AppendRow(o_.out, row);
+  }
+
+  bool Memory() {
+    const std::string target = o_.work + "/download-target.bin";
+    std::vector<double> ours, peer;
+    for (int round = 0; round < o_.rounds; ++round) {
+      std::remove(target.c_str());
+      const Run mine = Execute(Quire({"get", title_, "-o", target}));
+      std::remove(target.c_str());
+      std::vector<std::string> args = Curl();
+      args.insert(args.end(), {"-o", target, content_});
+      const Run theirs = Execute(args);
+      std::remove(target.c_str());
+      if (mine.status != 0 || theirs.status != 0) {
+        std::fprintf(stderr, "download_bench: a download failed (memory)\n");
+        return false;
+      }
+      ours.push_back(mine.max_rss_mib);
+      peer.push_back(theirs.max_rss_mib);
+    }
+    Row row;
+    row.id = "download." + scheme_ + ".rss." + std::to_string(o_.size_mib);
+    row.title = "peak resident memory of quire get -o FILE of a " + std::to_string(o_.size_mib) +
+                " MiB document, " + scheme_;
+    row.unit = "MiB";
+    row.ours_name = "quire get -o FILE";
+    row.ours = ours;
+    row.goal = 64;
+    row.lower_better = true;
+    char note[96];
+    std::snprintf(note, sizeof note, "curl -o FILE in the same run: %.1f MiB",
+                  quire_bench::Median(peer));
+    row.note = note;
+    return quire_bench::AppendRow(o_.out, row);
+  }
+
+  bool Resume() {
+    if (o_.server_pid <= 0 || ServerWrites(o_.server_pid) < 0) {
+      std::fprintf(stderr, "download_bench: resume needs --server-pid of a local emulator\n");
+      return false;
+    }
+    const std::string target = o_.work + "/download-target.bin";
+    const std::string part = target + ".part";
+    std::mt19937_64 random(std::random_device{}());
+    const long long total = o_.size_mib * 1024 * 1024;
+    std::vector<double> ours, peer;
+    for (int round = 0; round < o_.rounds; ++round) {
+      std::remove(target.c_str());
+      std::remove(part.c_str());
+      const long long kill_at = static_cast<long long>(
+          std::uniform_real_distribution<double>(0.1, 0.9)(random) * static_cast<double>(total));
+      Execute(Quire({"get", title_, "-o", target}), "", [&] { return FileSize(part) >= kill_at; });
+      const long long kept = FileSize(part);
+      const long long before = ServerWrites(o_.server_pid);
+      const Run run = Execute(Quire({"get", title_, "-o", target, "--continue"}));
+      const long long sent = ServerWrites(o_.server_pid) - before;
+      if (run.status != 0 || FileSize(target) != total || kept <= 0) {
+        std::fprintf(stderr, "download_bench: the continued download failed (exit %d)\n",
+                     run.status);
+        return false;
+      }
+      ours.push_back(static_cast<double>(sent) / kMiB);
+      peer.push_back(static_cast<double>(total - kept) / kMiB);
+    }
+    std::remove(target.c_str());
+    Row row;
+    row.id = "download." + scheme_ + ".resume." + std::to_string(o_.size_mib);
+    row.title = "download of " + std::to_string(o_.size_mib) +
+                " MiB killed at a random point, then --continue: bytes sent beyond the missing "
+                "ones, " +
+                scheme_;
+    row.unit = "MiB";
+    row.ours_name = "quire get --continue";
+    for (std::size_t i = 0; i < ours.size(); ++i) row.ours.push_back(ours[i] - peer[i]);
+    // One network-layer buffer: the sink's ring (8 MiB) and libcurl's receive buffer (512 KiB).
+    row.goal = 8.5;
+    row.lower_better = true;
+    char note[160];
+    std::snprintf(note, sizeof note,
+                  "missing %.1f MiB (median); what the emulator wrote to the connection, TLS and "
+                  "the listing included",
+                  quire_bench::Median(peer));
+    row.note = note;
+    return quire_bench::AppendRow(o_.out, row);
+  }
+
+  const Options& options() const { return o_; }
+
+ private:
+  Options o_;
+  std::string host_, scheme_, title_, edit_, content_;
+};
+
+// The library's streaming download in a process of its own (the quire command speaks only
+// HTTPS, so plain HTTP is measured this way): argv = --child URL FILE SERVICE [CA].
+int Child(int argc, char** argv) {
+  if (argc < 5) return 2;
+  const std::string service = argv[4];
+  const std::string host = service.substr(service.find("://") + 3);
+  const std::string address = host.substr(0, host.rfind(':'));
+  const int port = std::atoi(host.substr(host.rfind(':') + 1).c_str());
+  kestrel::net::CurlTransportConfig config;
+  config.host_mappings.push_back(
+      {QStringLiteral("docs.quire.example"), QString::fromStdString(address), port});
+  if (argc > 5) config.extra_ca_certificate_files.push_back(QString::fromLatin1(argv[5]));
+  if (!kestrel::net::CurlTransport::Default()->Configure(config)) return 3;
+  const int fd = ::open(argv[3], O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+  if (fd < 0) return 4;
+  kestrel::quire::DocsService docs;
+  docs.SetOAuth2AuthToken(QString::fromLocal8Bit(std::getenv("QUIRE_TOKEN")));
+  kestrel::quire::ContentDownload download(&docs);
+  bool done = false;
+  bool ok = false;
+  download.Start(QUrl(QString::fromLatin1(argv[2])),
+                 kestrel::quire::DownloadTarget::ForFileDescriptor(fd), {},
+                 [&](const kestrel::quire::DownloadResult& result) {
+                   ok = result.outcome == kestrel::quire::DownloadOutcome::kComplete;
+                   done = true;
+                 });
+  kestrel::MainLoop::Default()->RunUntil([&] { return done; }, 600);
+  ok = ok && ::fsync(fd) == 0 && ::close(fd) == 0;
+  return ok ? 0 : 1;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  if (argc > 1 && std::strcmp(argv[1], "--child") == 0) return Child(argc, argv);
+  g_self = argv[0];
+  Options o;
+  for (int i = 1; i + 1 < argc; i += 2) {
+    const std::string name = argv[i];
+    const std::string value = argv[i + 1];
+    if (name == "--quire")
+      o.quire = value;
+    else if (name == "--service")
+      o.service = value;
+    else if (name == "--ca")
+      o.ca = value;
+    else if (name == "--work")
+      o.work = value;
+    else if (name == "--out")
+      o.out = value;
+    else if (name == "--token")
+      o.token = value;
+    else if (name == "--only")
+      o.only = value;
+    else if (name == "--size-mib")
+      o.size_mib = std::atoll(value.c_str());
+    else if (name == "--rounds")
+      o.rounds = std::atoi(value.c_str());
+    else if (name == "--server-pid")
+      o.server_pid = std::atoi(value.c_str());
+    else {
+      std::fprintf(stderr, "download_bench: unknown option %s\n", name.c_str());
+      return 2;
+    }
+  }
+  if (o.quire.empty() || o.service.empty() || o.work.empty() || o.size_mib <= 0 || o.rounds <= 0) {
+    std::fprintf(stderr,
+                 "usage: download_bench --quire BIN --service URL [--ca FILE] --work DIR "
+                 "[--out FILE] [--token T] [--only first,memory,resume] [--size-mib N] "
+                 "[--rounds N] [--server-pid PID]\n");
+    return 2;
+  }
+  ::setenv("QUIRE_TOKEN", o.token.c_str(), 1);
+  Bench bench(o);
+  if (!bench.Create()) return 1;
+  bool ok = true;
+  const std::string only = "," + o.only + ",";
+  if (ok && only.find(",first,") != std::string::npos) ok = bench.First();
+  if (ok && only.find(",memory,") != std::string::npos) ok = bench.Memory();
+  if (ok && only.find(",resume,") != std::string::npos) ok = bench.Resume();
+  bench.Delete();
+  return ok ? 0 : 1;
+}
