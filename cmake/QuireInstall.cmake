@@ -2,7 +2,7 @@
 # uses the library with find_package(Quire) and target_link_libraries(app Quire::quire).
 include(CMakePackageConfigHelpers)
 
-install(TARGETS kestrel quire EXPORT QuireTargets
+install(TARGETS kestrel quire quire_qt EXPORT QuireTargets
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
   ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}
   RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR}
@@ -27,7 +27,7 @@ install(FILES ${PROJECT_BINARY_DIR}/QuireConfig.cmake ${PROJECT_BINARY_DIR}/Quir
 file(RELATIVE_PATH QUIRE_PC_TO_PREFIX "/${CMAKE_INSTALL_LIBDIR}/pkgconfig" "/")
 string(REGEX REPLACE "/$" "" QUIRE_PC_TO_PREFIX "${QUIRE_PC_TO_PREFIX}")
 set(QUIRE_QT_PC Qt${QUIRE_QT_MAJOR}Core)
-foreach(pc quire kestrel)
+foreach(pc quire kestrel quire-qt)
   configure_file(${PROJECT_SOURCE_DIR}/cmake/${pc}.pc.in ${PROJECT_BINARY_DIR}/${pc}.pc @ONLY)
   install(FILES ${PROJECT_BINARY_DIR}/${pc}.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 endforeach()

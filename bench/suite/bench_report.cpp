@@ -39,6 +39,9 @@ struct Row {
     const double a = Median(ours), b = Median(peer);
     return lower_better ? b / a : a / b;
   }
+  // Whether the row has a goal. A goal of 0 means none, except for the wake-ups of an idle host,
+  // whose goal is exactly 0.
+  bool HasGoal() const { return goal != 0 || id.rfind("qtloop.idle.", 0) == 0; }
   bool GoalMet() const {
     if (HasPeer()) return Ratio() >= goal;
     return lower_better ? Median(ours) <= goal : Median(ours) >= goal;
@@ -267,7 +270,7 @@ int main(int argc, char** argv) {
 
   out << "## Goals\n\n| goal | measured | target | met |\n|---|---|---|---|\n";
   for (const Row& row : rows) {
-    if (row.goal == 0) continue;
+    if (!row.HasGoal()) continue;
     out << "| " << row.title << " | ";
     if (row.HasPeer()) {
       out << RatioText(row.Ratio()) << " of " << row.peer_name << " | ≥ " << RatioText(row.goal);
@@ -347,6 +350,22 @@ int main(int argc, char** argv) {
     }
     if (feed.size() >= 2)
       out << "![feed parse time against the number of entries](bench/feed.svg)\n\n";
+  }
+
+  out << "## Hosts on Qt's event loop\n\n"
+         "A host whose main thread runs Qt's event loop with a `QtEventLoopDriver`, beside a host "
+         "that waits in `MainLoop::RunUntil()`, in the same process and run. Wake-ups are the main "
+         "thread's voluntary context switches (each one a sleep that ended) while no request is "
+         "outstanding, less the one timer that ends the measurement. Latency is from a job posted "
+         "on another thread, as the HTTPS transport posts a completion, to its run on the main "
+         "thread. The upload goes to the emulator over HTTPS; each chunk is issued from the "
+         "completion of the one before.\n\n";
+  {
+    std::vector<const Row*> qt;
+    for (const Row& row : rows) {
+      if (row.Part(0) == "qtloop") qt.push_back(&row);
+    }
+    Table(out, qt);
   }
 
   out << "## Memory\n\n";

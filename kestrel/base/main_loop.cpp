@@ -1,5 +1,6 @@
 #include "kestrel/base/main_loop.h"
 
+#include <atomic>
 #include <chrono>
 #include <deque>
 #include <map>
@@ -34,7 +35,34 @@ struct MainLoop::State {
   std::unordered_map<std::uint64_t, long long> timers;
   std::uint64_t next_sequence = 1;
   int quit_requests = 0;
+  // The wake-up hook. Its own mutex is held while it runs, so that replacing it waits for a call
+  // in progress; it is never held together with `mutex`.
+  std::mutex hook_mutex;
+  WakeUpHook hook;
+  // Whether a hook is installed, read without the hook's mutex so that a loop without one pays
+  // nothing on Post().
+  std::atomic<bool> has_hook{false};
 };
+
+void MainLoop::CallWakeUpHook() {
+  if (!state_->has_hook.load(std::memory_order_acquire)) return;
+  std::lock_guard<std::mutex> lock(state_->hook_mutex);
+  if (state_->hook) state_->hook();
+}
+
+void MainLoop::SetWakeUpHook(WakeUpHook hook) {
+  std::lock_guard<std::mutex> lock(state_->hook_mutex);
+  state_->hook = std::move(hook);
+  state_->has_hook.store(static_cast<bool>(state_->hook), std::memory_order_release);
+}
+
+double MainLoop::SecondsUntilNextJob() const {
+  std::lock_guard<std::mutex> lock(state_->mutex);
+  if (!state_->ready.empty()) return 0;
+  if (state_->delayed.empty()) return -1;
+  const long long wait_ns = state_->delayed.begin()->first.first - NowNs();
+  return wait_ns <= 0 ? 0 : static_cast<double>(wait_ns) / 1e9;
+}
 
 MainLoop::MainLoop() : state_(new State) {}
 
@@ -51,28 +79,39 @@ void MainLoop::Post(Job job) {
     state_->ready.push_back(std::move(job));
   }
   state_->wake.notify_all();
+  CallWakeUpHook();
 }
 
 void MainLoop::PostDelayed(double delay_seconds, Job job) {
+  bool earliest = false;
   {
     std::lock_guard<std::mutex> lock(state_->mutex);
     const std::uint64_t sequence = state_->next_sequence++;
-    state_->delayed.emplace(std::make_pair(NowNs() + SecondsToNs(delay_seconds), sequence),
-                            std::move(job));
+    auto it =
+        state_->delayed
+            .emplace(std::make_pair(NowNs() + SecondsToNs(delay_seconds), sequence), std::move(job))
+            .first;
+    // A job goes after those with the same due time, so it is first only when it is the
+    // earliest of all.
+    earliest = it == state_->delayed.begin();
   }
   state_->wake.notify_all();
+  if (earliest) CallWakeUpHook();
 }
 
 MainLoop::TimerId MainLoop::PostTimer(double delay_seconds, Job job) {
   TimerId id;
+  bool earliest = false;
   {
     std::lock_guard<std::mutex> lock(state_->mutex);
     id = state_->next_sequence++;
     const long long due = NowNs() + SecondsToNs(delay_seconds);
-    state_->delayed.emplace(std::make_pair(due, id), std::move(job));
+    const auto it = state_->delayed.emplace(std::make_pair(due, id), std::move(job)).first;
+    earliest = it == state_->delayed.begin();
     state_->timers.emplace(id, due);
   }
   state_->wake.notify_all();
+  if (earliest) CallWakeUpHook();
   return id;
 }
 

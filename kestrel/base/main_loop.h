@@ -18,15 +18,19 @@ namespace kestrel {
 ///
 /// Network completions, posted jobs and timers all arrive here, so the library's callbacks always
 /// run on the thread that runs the loop (Run(), RunUntil() or RunUntilIdle()). A host with an
-/// event loop of its own calls RunUntilIdle() from it whenever it wakes, or makes Run() its loop
-/// and posts its own work with Post().
+/// event loop of its own installs a wake-up hook (SetWakeUpHook()) that tells its loop to call
+/// RunUntilIdle() when a job became ready, and arms a timer of its own for
+/// SecondsUntilNextJob(); or it makes Run() its loop and posts its own work with Post().
 ///
-/// Threading: Post(), PostDelayed(), Quit() and pending() are safe from any thread; the running
-/// functions are called by one thread at a time (normally the process's main thread).
+/// Threading: Post(), PostDelayed(), Quit(), pending(), SecondsUntilNextJob() and SetWakeUpHook()
+/// are safe from any thread; the running functions are called by one thread at a time (normally
+/// the process's main thread).
 class KESTREL_EXPORT MainLoop {
  public:
   /// A job: any callable without arguments or result.
   using Job = std::function<void()>;
+  /// A wake-up hook: told that the loop has work for its thread (see SetWakeUpHook()).
+  using WakeUpHook = std::function<void()>;
 
   /// An empty loop. Hosts use Default(); separate loops are for tests.
   MainLoop();
@@ -76,11 +80,31 @@ class KESTREL_EXPORT MainLoop {
   /// The number of jobs queued, ready or delayed. Safe from any thread.
   std::size_t pending() const;
 
+  /// Installs `hook`, replacing the previous one; an empty hook removes it. The hook is called,
+  /// on the thread that posts and after the job is queued, by every Post() and by every
+  /// PostDelayed() or PostTimer() whose job became the earliest delayed one (the time to wait for
+  /// changed). CancelTimer() calls no hook: a host's timer that fires early finds nothing due and
+  /// re-arms from SecondsUntilNextJob(). A
+  /// host answers it by having its own loop call RunUntilIdle() soon on the loop's thread and then
+  /// re-arm its timer from SecondsUntilNextJob(); the hook itself should only signal (it may run
+  /// on any thread, often the network thread, and must not call into this loop). Calls may come
+  /// in bursts, so a host coalesces them. When this function returns, the previous hook is not
+  /// running and is never called again, so its owner may then be destroyed. Safe from any thread.
+  void SetWakeUpHook(WakeUpHook hook);
+
+  /// How long until the next job is due, in seconds: 0 when one is ready now (or a delayed one
+  /// fell due), the time until the earliest delayed job otherwise, and -1 when nothing is queued.
+  /// A host that runs RunUntilIdle() from its own loop arms its timer with this after each run.
+  /// Safe from any thread.
+  double SecondsUntilNextJob() const;
+
  private:
   struct State;
   // Takes the next job that is due, waiting until `deadline_ns` (steady clock) at most; returns
   // false when none became due or Quit() was called.
   bool TakeNext(Job* job, long long deadline_ns, bool wait);
+  // Calls the wake-up hook, if one is installed.
+  void CallWakeUpHook();
 
   State* state_;
 };

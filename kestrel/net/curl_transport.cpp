@@ -1,5 +1,6 @@
 #include "kestrel/net/curl_transport.h"
 
+#include <arpa/inet.h>
 #include <curl/curl.h>
 #include <pthread.h>
 
@@ -7,9 +8,11 @@
 #include <QFile>
 #include <algorithm>
 #include <atomic>
+#include <cctype>
 #include <chrono>
 #include <cmath>
 #include <cstdint>
+#include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <mutex>
@@ -86,7 +89,109 @@ struct Settings {
   std::string extra_ca_pem;          // empty: libcurl's default authorities only
   std::string user_agent;
   bool insecure = false;
+  // The proxy: empty strings mean none.
+  std::string http_proxy;
+  std::string https_proxy;
+  std::string proxy_user;
+  std::string proxy_password;
+  std::vector<std::string> no_proxy;  // lower case, without a leading dot
 };
+
+// Checks a proxy address and writes it as libcurl should take it (with its scheme). An empty
+// address is valid and stays empty.
+bool NormaliseProxy(const QString& address, std::string* out) {
+  out->clear();
+  const QString trimmed = address.trimmed();
+  if (trimmed.isEmpty()) return true;
+  CURLU* url = curl_url();
+  if (url == nullptr) return false;
+  bool valid = curl_url_set(url, CURLUPART_URL, trimmed.toUtf8().constData(),
+                            CURLU_DEFAULT_SCHEME | CURLU_NON_SUPPORT_SCHEME) == CURLUE_OK;
+  char* scheme = nullptr;
+  char* host = nullptr;
+  char* path = nullptr;
+  char* full = nullptr;
+  valid = valid && curl_url_get(url, CURLUPART_SCHEME, &scheme, 0) == CURLUE_OK &&
+          curl_url_get(url, CURLUPART_HOST, &host, 0) == CURLUE_OK && host[0] != '\0' &&
+          curl_url_get(url, CURLUPART_PATH, &path, 0) == CURLUE_OK &&
+          (path[0] == '\0' || std::strcmp(path, "/") == 0);
+  if (valid) {
+    static const char* const kSchemes[] = {"http",    "https",  "socks4",
+                                           "socks4a", "socks5", "socks5h"};
+    valid = false;
+    for (const char* known : kSchemes) valid = valid || std::strcmp(scheme, known) == 0;
+  }
+  if (valid) valid = curl_url_get(url, CURLUPART_URL, &full, 0) == CURLUE_OK;
+  if (valid) out->assign(full);
+  curl_free(scheme);
+  curl_free(host);
+  curl_free(path);
+  curl_free(full);
+  curl_url_cleanup(url);
+  return valid;
+}
+
+// Parses an IPv4 or IPv6 address (brackets allowed) into 16 bytes; `bits` is 32 or 128.
+bool ParseAddress(std::string text, unsigned char (&bytes)[16], int* bits) {
+  if (text.size() >= 2 && text.front() == '[' && text.back() == ']') {
+    text = text.substr(1, text.size() - 2);
+  }
+  std::memset(bytes, 0, sizeof(bytes));
+  if (::inet_pton(AF_INET, text.c_str(), bytes) == 1) {
+    *bits = 32;
+    return true;
+  }
+  if (::inet_pton(AF_INET6, text.c_str(), bytes) == 1) {
+    *bits = 128;
+    return true;
+  }
+  return false;
+}
+
+// Whether `host` (lower case, as the URL gives it) is one that `entry` of the no-proxy list names:
+// "*" names every host, an address (with "/bits", a network) names the addresses in it, and a
+// name names itself and every name below it.
+bool NoProxyMatches(const std::string& host, const std::string& entry) {
+  if (entry == "*") return true;
+  unsigned char host_bytes[16];
+  int host_bits = 0;
+  const bool host_is_address = ParseAddress(host, host_bytes, &host_bits);
+  const std::size_t slash = entry.find('/');
+  unsigned char entry_bytes[16];
+  int entry_bits = 0;
+  if (ParseAddress(entry.substr(0, slash), entry_bytes, &entry_bits)) {
+    if (!host_is_address || host_bits != entry_bits) return false;
+    int prefix = entry_bits;
+    if (slash != std::string::npos) {
+      prefix = std::atoi(entry.c_str() + slash + 1);
+      if (prefix < 0 || prefix > entry_bits) return false;
+    }
+    for (int bit = 0; bit < prefix; ++bit) {
+      const unsigned char mask = static_cast<unsigned char>(0x80 >> (bit % 8));
+      if ((host_bytes[bit / 8] & mask) != (entry_bytes[bit / 8] & mask)) return false;
+    }
+    return true;
+  }
+  if (host_is_address || slash != std::string::npos) return false;
+  if (host == entry) return true;
+  return host.size() > entry.size() &&
+         host.compare(host.size() - entry.size(), entry.size(), entry) == 0 &&
+         host[host.size() - entry.size() - 1] == '.';
+}
+
+// Whether a no-proxy entry is one libcurl understands: a name, an address (IPv6 without brackets
+// or with), optionally with "/bits", or "*".
+bool ValidNoProxyEntry(const QString& entry) {
+  if (entry.isEmpty()) return false;
+  for (const QChar c : entry) {
+    const ushort u = c.unicode();
+    const bool ok = (u >= 'a' && u <= 'z') || (u >= 'A' && u <= 'Z') || (u >= '0' && u <= '9') ||
+                    u == '.' || u == '-' || u == '_' || u == ':' || u == '/' || u == '*' ||
+                    u == '[' || u == ']';
+    if (!ok) return false;
+  }
+  return true;
+}
 
 // The storage of large response bodies, kept for a while after the request that held it was
 // released, so that the next large body lands in memory that is already mapped. Fresh memory costs
@@ -215,6 +320,8 @@ struct Transfer {
   HttpRequest::MethodType method = HttpRequest::kGet;
   bool send_user_agent = false;
   bool keep_headers = false;
+  bool secure = false;   // an https:// request, which takes the https proxy
+  bool proxied = false;  // it goes through the proxy (one is set and the host is not exempt)
   const char* body = nullptr;
   std::size_t body_size = 0;
   std::size_t body_offset = 0;
@@ -401,6 +508,27 @@ std::uint32_t StatusForError(CURLcode code) {
       return status::kErrorInvalidRequest;
     default:
       return status::kErrorUnknown;
+  }
+}
+
+// The code of a failed request that went to a proxy: what the proxy did, when it was the proxy
+// that failed, else `code`.
+std::uint32_t ProxyStatus(CURL* easy, CURLcode result, std::uint32_t code) {
+  long connect_code = 0;
+  curl_easy_getinfo(easy, CURLINFO_HTTP_CONNECTCODE, &connect_code);
+  // Some proxies answer wrong credentials with 401 rather than 407.
+  if (connect_code == 407 || connect_code == 401) return status::kErrorProxyAuthenticationRequired;
+  if (connect_code >= 300) return status::kErrorProxyRefused;
+  switch (result) {
+    case CURLE_COULDNT_RESOLVE_PROXY:
+      return status::kErrorProxyUnreachable;
+    case CURLE_COULDNT_CONNECT:
+      // Through a proxy the only connection made here is the proxy's.
+      return status::kErrorProxyUnreachable;
+    case CURLE_PROXY:
+      return status::kErrorProxyRefused;
+    default:
+      return code;
   }
 }
 
@@ -789,8 +917,29 @@ void CurlTransport::Impl::SetUpHandle(Transfer* transfer, CURL* easy) {
   curl_easy_setopt(easy, CURLOPT_FOLLOWLOCATION, 0L);
   curl_easy_setopt(easy, CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_1_1));
   curl_easy_setopt(easy, CURLOPT_NOSIGNAL, 1L);
-  // An empty proxy turns off the proxy variables of the environment.
-  curl_easy_setopt(easy, CURLOPT_PROXY, "");
+  // The proxy for the request's scheme; an empty one also turns off the proxy variables of the
+  // environment, which the transport never reads.
+  const std::string& proxy = transfer->secure ? settings.https_proxy : settings.http_proxy;
+  curl_easy_setopt(easy, CURLOPT_PROXY, transfer->proxied ? proxy.c_str() : "");
+  if (transfer->proxied) {
+    // The proxy's answer to CONNECT is not the server's: it stays out of the response headers.
+    curl_easy_setopt(easy, CURLOPT_SUPPRESS_CONNECT_HEADERS, 1L);
+    if (!settings.proxy_user.empty()) {
+      curl_easy_setopt(easy, CURLOPT_PROXYUSERNAME, settings.proxy_user.c_str());
+      curl_easy_setopt(easy, CURLOPT_PROXYPASSWORD, settings.proxy_password.c_str());
+      curl_easy_setopt(easy, CURLOPT_PROXYAUTH, static_cast<long>(CURLAUTH_ANY));
+    }
+    // An https proxy's own certificate is checked like the server's.
+    curl_easy_setopt(easy, CURLOPT_PROXY_SSL_VERIFYPEER, settings.insecure ? 0L : 1L);
+    curl_easy_setopt(easy, CURLOPT_PROXY_SSL_VERIFYHOST, settings.insecure ? 0L : 2L);
+    if (!settings.extra_ca_pem.empty()) {
+      curl_blob blob{};
+      blob.data = const_cast<char*>(settings.extra_ca_pem.data());
+      blob.len = settings.extra_ca_pem.size();
+      blob.flags = CURL_BLOB_NOCOPY;
+      curl_easy_setopt(easy, CURLOPT_PROXY_CAINFO_BLOB, &blob);
+    }
+  }
   curl_easy_setopt(easy, CURLOPT_BUFFERSIZE, kReceiveBufferBytes);
   curl_easy_setopt(easy, CURLOPT_HTTPHEADER, transfer->headers);
   if (transfer->send_user_agent && !settings.user_agent.empty()) {
@@ -902,6 +1051,7 @@ bool CurlTransport::Impl::Reap() {
     curl_easy_getinfo(message->easy_handle, CURLINFO_PRIVATE, reinterpret_cast<char**>(&transfer));
     const CURLcode result = message->data.result;
     std::uint32_t code = StatusForError(result);
+    if (result != CURLE_OK && transfer->proxied) code = ProxyStatus(transfer->easy, result, code);
     if (result == CURLE_OK) {
       long http_code = 0;
       curl_easy_getinfo(transfer->easy, CURLINFO_RESPONSE_CODE, &http_code);
@@ -1019,6 +1169,21 @@ bool CurlTransport::Configure(const CurlTransportConfig& config) {
   }
   settings->user_agent = config.user_agent.toStdString();
   settings->insecure = config.insecure_skip_tls_verification;
+  const CurlTransportConfig::Proxy& proxy = config.proxy;
+  if (!NormaliseProxy(proxy.http_proxy, &settings->http_proxy) ||
+      !NormaliseProxy(proxy.https_proxy, &settings->https_proxy)) {
+    return false;
+  }
+  if (!proxy.password.isEmpty() && proxy.user.isEmpty()) return false;
+  settings->proxy_user = proxy.user.toStdString();
+  settings->proxy_password = proxy.password.toStdString();
+  for (const QString& entry : proxy.no_proxy) {
+    QString trimmed = entry.trimmed().toLower();
+    if (!ValidNoProxyEntry(trimmed)) return false;
+    if (trimmed.startsWith(QLatin1Char('.'))) trimmed.remove(0, 1);
+    if (trimmed.isEmpty()) return false;
+    settings->no_proxy.push_back(trimmed.toStdString());
+  }
   impl_->settings = std::move(settings);
   return true;
 }
@@ -1049,7 +1214,21 @@ void CurlTransport::Start(NetworkRequest* request, const ServerInfo& server,
             curl_url_set(transfer->url, CURLUPART_URL, url.constData(), 0) == CURLUE_OK &&
             curl_url_get(transfer->url, CURLUPART_SCHEME, &scheme, 0) == CURLUE_OK &&
             (std::strcmp(scheme, "https") == 0 || std::strcmp(scheme, "http") == 0);
+    transfer->secure = valid && std::strcmp(scheme, "https") == 0;
     curl_free(scheme);
+    char* host = nullptr;
+    const Settings& settings = *transfer->settings;
+    if (valid && !(transfer->secure ? settings.https_proxy : settings.http_proxy).empty() &&
+        curl_url_get(transfer->url, CURLUPART_HOST, &host, 0) == CURLUE_OK) {
+      std::string name(host);
+      std::transform(name.begin(), name.end(), name.begin(),
+                     [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+      transfer->proxied = true;
+      for (const std::string& entry : settings.no_proxy) {
+        if (NoProxyMatches(name, entry)) transfer->proxied = false;
+      }
+    }
+    curl_free(host);
   }
   CallerHeaders seen;
   for (const RequestHeader& header : http->headers()) {

@@ -25,12 +25,13 @@ namespace net {
 ///
 /// What goes on the wire: HTTP/1.1 only, schemes http and https only, redirects never followed (a
 /// 302 reaches the caller as 302), TLS peer and host-name verification on unless the configuration
-/// turns them off by name. Proxies from the environment are ignored. The caller's header records
-/// are sent as whole lines; depending on NetworkRequest::Info::DefaultHeaders the transport adds
-/// User-Agent (1) or User-Agent and "Accept: */*" (2), and libcurl adds what HTTP needs (Host,
-/// Content-Length). A request whose URL does not parse, whose scheme is not http or https, or whose
-/// header lines contain CR, LF or NUL (or are not "Name: value" lines) is not sent: it completes
-/// with status::kErrorInvalidRequest.
+/// turns them off by name. Proxies from the environment are ignored; the configuration names one
+/// (CurlTransportConfig::proxy), and https requests then pass through it in a CONNECT tunnel. The
+/// caller's header records are sent as whole lines; depending on
+/// NetworkRequest::Info::DefaultHeaders the transport adds User-Agent (1) or User-Agent and
+/// "Accept: */*" (2), and libcurl adds what HTTP needs (Host, Content-Length). A request whose URL
+/// does not parse, whose scheme is not http or https, or whose header lines contain CR, LF or NUL
+/// (or are not "Name: value" lines) is not sent: it completes with status::kErrorInvalidRequest.
 ///
 /// What comes back: an HTTP answer as status::FromHttp(number); response header lines of the final
 /// response (1xx interim responses are dropped) in arrival order as "Name: value", the name exactly
@@ -81,8 +82,14 @@ class KESTREL_EXPORT CurlTransport : public ITransport {
 
   /// Replaces the configuration for requests started from now on (requests in flight keep the one
   /// they started with). Returns false, keeping the previous configuration, when a CA certificate
-  /// file cannot be read or holds no certificate, or a host mapping lacks a host, an address or a
-  /// port in 1..65535. Call it on the main loop's thread.
+  /// file cannot be read or holds no certificate, a host mapping lacks a host, an address or a
+  /// port in 1..65535, a proxy address is not a URL of a known proxy scheme with a host (and no
+  /// path), a proxy password comes without a user, or a no-proxy entry is not a host name, an
+  /// address, a network or "*". Call it on the main loop's thread.
+  ///
+  /// A request that goes through a proxy and fails because of it completes with
+  /// status::kErrorProxyUnreachable, status::kErrorProxyRefused or
+  /// status::kErrorProxyAuthenticationRequired (status 2 for the quire library's callbacks).
   bool Configure(const CurlTransportConfig& config);
 
   /// Checks the request, prepares its header lines and queues it for the I/O thread; see

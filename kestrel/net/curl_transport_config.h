@@ -26,6 +26,27 @@ struct KESTREL_EXPORT CurlTransportConfig {
     int port = 0;
   };
 
+  /// The proxy that requests go through. The transport never takes one from the environment
+  /// (http_proxy and the like are ignored): a host that wants those variables reads them itself.
+  struct Proxy {
+    /// The proxy for http:// requests, as "http://host:port" (the scheme may be http, https,
+    /// socks4, socks4a, socks5 or socks5h; without one, http is meant). Empty: none.
+    QString http_proxy;
+    /// The proxy for https:// requests, reached the same way; the request goes through a tunnel
+    /// (CONNECT), so the server's certificate is still checked against the request's host name.
+    /// Empty: none.
+    QString https_proxy;
+    /// The user name sent to the proxy when it asks for credentials (407). Empty: none, unless
+    /// the proxy's URL carries "user:password@".
+    QString user;
+    /// The password that goes with `user`.
+    QString password;
+    /// Hosts reached directly, without the proxy: a name matches itself and its subdomains
+    /// ("example.com" also covers "docs.example.com"; a leading dot is allowed), an address
+    /// matches itself, an address with "/bits" matches a network, and "*" matches every host.
+    std::vector<QString> no_proxy;
+  };
+
   /// Sets `user_agent` to DefaultUserAgent() and leaves everything else empty or off.
   CurlTransportConfig();
 
@@ -42,6 +63,8 @@ struct KESTREL_EXPORT CurlTransportConfig {
   /// Turns off the verification of the server's certificate chain and host name. Only for local
   /// testing: with it set, anyone on the path can read and change the traffic.
   bool insecure_skip_tls_verification = false;
+  /// The proxy; by default none, whatever the environment says.
+  Proxy proxy;
 };
 
 }  // namespace net

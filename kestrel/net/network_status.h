@@ -50,6 +50,15 @@ constexpr std::uint32_t kErrorSendFailed = 0xC0010009u;
 /// The request was cancelled (ConnectionManager::CancelRequest()): the transfer was stopped, and
 /// nothing of its answer is kept.
 constexpr std::uint32_t kErrorCancelled = 0xC001000Au;
+/// The configured proxy could not be reached (its name did not resolve, or it refused or dropped
+/// the connection).
+constexpr std::uint32_t kErrorProxyUnreachable = 0xC001000Bu;
+/// The proxy refused to open a tunnel to the server (its answer to CONNECT was not a success,
+/// e.g. 403, and not 407).
+constexpr std::uint32_t kErrorProxyRefused = 0xC001000Cu;
+/// The proxy asked for credentials (407, or 401 from proxies that answer wrong ones so) and none,
+/// or wrong ones, were configured.
+constexpr std::uint32_t kErrorProxyAuthenticationRequired = 0xC001000Du;
 ///@}
 
 }  // namespace status

@@ -25,6 +25,9 @@ foreach(example list_documents upload_file)
     ${PROJECT_BINARY_DIR}/examples/${example})
   quire_warnings(${example})
 endforeach()
+add_subdirectory(${PROJECT_SOURCE_DIR}/examples/desktop ${PROJECT_BINARY_DIR}/examples/desktop)
+quire_warnings(desktop_window)
+quire_warnings(desktop)
 if(TARGET quire-server)
   add_test(NAME examples_against_emulator
     COMMAND ${CMAKE_CURRENT_LIST_DIR}/run_examples.sh $<TARGET_FILE:quire-server>

@@ -3,6 +3,8 @@
 
 #include <QString>
 
+#include "tools/quire/proxy_environment.h"
+
 namespace quire_cli {
 
 struct ClientOptions {
@@ -17,6 +19,8 @@ struct ClientOptions {
   double timeout_seconds = 60;
   // Where the token is read from instead of QUIRE_TOKEN.
   QString token_file;
+  // The proxy: --proxy, else the environment's proxy variables.
+  ProxyEnvironment proxy;
 };
 
 }  // namespace quire_cli

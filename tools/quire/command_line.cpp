@@ -126,6 +126,10 @@ void CommandLine::Build(CLI::App* app) {
       ->type_name("SECONDS")
       ->check(CLI::PositiveNumber)
       ->capture_default_str();
+  app->add_option("--proxy", proxy_,
+                  "Reach the service through this proxy (http://[USER:PASSWORD@]HOST:PORT) "
+                  "instead of the one that https_proxy names; \"\" for none")
+      ->type_name("URL");
   app->add_option("--token-file", token_file_,
                   "Read the bearer token from this file instead of QUIRE_TOKEN")
       ->type_name("FILE");
@@ -265,6 +269,9 @@ void CommandLine::Dispatch(CLI::App* app) {
   options_.server = Q(server_);
   options_.cacert = Q(cacert_);
   options_.token_file = Q(token_file_);
+  options_.proxy = host_->proxy_variables;
+  if (app->count("--proxy") > 0) options_.proxy.Override(Q(proxy_));
+  options_.proxy.Check();
   if (!options_.server.isEmpty()) CheckServer(options_.server);
   if (!options_.cacert.isEmpty() && !QFileInfo(options_.cacert).isReadable()) {
     throw CliFailure(ExitCode::kUsage, "cannot read the certificate file " + cacert_ +

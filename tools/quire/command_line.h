@@ -71,6 +71,7 @@ class CommandLine {
   std::string server_;
   std::string cacert_;
   std::string token_file_;
+  std::string proxy_;
   bool json_ = false;
   std::string doc_;
   std::string file_;

@@ -13,6 +13,11 @@ kestrel::net::CurlTransportConfig CurlTransportFactory::Config(const ClientOptio
   kestrel::net::CurlTransportConfig config;
   if (!options.cacert.isEmpty()) config.extra_ca_certificate_files.push_back(options.cacert);
   config.insecure_skip_tls_verification = options.insecure;
+  config.proxy.https_proxy = options.proxy.https_proxy;
+  config.proxy.http_proxy = options.proxy.http_proxy;
+  for (const QString& host : options.proxy.no_proxy.split(QLatin1Char(','), Qt::SkipEmptyParts)) {
+    config.proxy.no_proxy.push_back(host.trimmed());
+  }
   if (!options.server.isEmpty()) {
     CommandLine::CheckServer(options.server);
     const QUrl server(options.server);

@@ -10,6 +10,7 @@
 
 #include "kestrel/net/i_transport.h"
 #include "tools/quire/client_options.h"
+#include "tools/quire/proxy_environment.h"
 
 namespace quire_cli {
 
@@ -24,6 +25,8 @@ struct HostEnvironment {
   bool err_is_terminal = false;
   // The value of QUIRE_TOKEN (null when unset).
   QString token_variable;
+  // The proxy variables (https_proxy, http_proxy, no_proxy and their upper-case forms).
+  ProxyEnvironment proxy_variables;
   // Makes the transport that carries the requests, configured from the global options. The
   // transport must outlive the requests made through it; the command keeps the pointer until it
   // ends.

@@ -32,6 +32,7 @@ int main(int argc, char** argv) {
   host.err_is_terminal = ::isatty(STDERR_FILENO) == 1;
   const char* token = std::getenv(quire_cli::TokenSource::kEnvironmentVariable);
   host.token_variable = token != nullptr ? QString::fromLocal8Bit(token) : QString();
+  host.proxy_variables = quire_cli::ProxyEnvironment::FromProcess();
   host.make_transport = &quire_cli::CurlTransportFactory::Make;
   host.program_dir = ProgramDir(argv[0]);
 

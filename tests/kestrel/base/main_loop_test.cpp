@@ -4,7 +4,9 @@
 
 #include <atomic>
 #include <chrono>
+#include <condition_variable>
 #include <memory>
+#include <mutex>
 #include <thread>
 #include <vector>
 
@@ -95,6 +97,175 @@ TEST(MainLoopTest, QuitEndsRun) {
   EXPECT_EQ(ran, 1);
   loop.RunUntilIdle();
   EXPECT_EQ(ran, 2);
+}
+
+TEST(MainLoopWakeUpHookTest, EveryPostCallsTheHookAfterTheJobIsQueued) {
+  MainLoop loop;
+  int calls = 0;
+  std::size_t pending_seen = 0;
+  loop.SetWakeUpHook([&] {
+    ++calls;
+    pending_seen = loop.pending();
+  });
+  loop.Post([] {});
+  EXPECT_EQ(calls, 1);
+  EXPECT_EQ(pending_seen, 1u) << "the hook must see the job it announces";
+  loop.Post([] {});
+  EXPECT_EQ(calls, 2);
+  EXPECT_EQ(loop.SecondsUntilNextJob(), 0.0);
+  loop.RunUntilIdle();
+  EXPECT_EQ(calls, 2) << "running jobs that post nothing calls no hook";
+  EXPECT_EQ(loop.SecondsUntilNextJob(), -1.0);
+}
+
+TEST(MainLoopWakeUpHookTest, DelayedJobCallsTheHookOnlyWhenItBecomesTheEarliest) {
+  MainLoop loop;
+  int calls = 0;
+  loop.SetWakeUpHook([&] { ++calls; });
+  loop.PostDelayed(10.0, [] {});
+  EXPECT_EQ(calls, 1) << "the first delayed job sets the time to wait";
+  const double first = loop.SecondsUntilNextJob();
+  EXPECT_GT(first, 9.0);
+  EXPECT_LE(first, 10.0);
+  loop.PostDelayed(20.0, [] {});
+  EXPECT_EQ(calls, 1) << "a later job does not change the time to wait";
+  loop.PostDelayed(15.0, [] {});
+  EXPECT_EQ(calls, 1) << "nor does one between the first two";
+  loop.PostDelayed(1.0, [] {});
+  EXPECT_EQ(calls, 2) << "an earlier job does";
+  const double second = loop.SecondsUntilNextJob();
+  EXPECT_GT(second, 0.0);
+  EXPECT_LE(second, 1.0);
+  EXPECT_EQ(loop.pending(), 4u);
+}
+
+TEST(MainLoopWakeUpHookTest, TimerCallsTheHookOnlyWhenItBecomesTheEarliest) {
+  MainLoop loop;
+  int calls = 0;
+  loop.SetWakeUpHook([&] { ++calls; });
+  loop.PostTimer(5.0, [] {});
+  EXPECT_EQ(calls, 1);
+  loop.PostTimer(10.0, [] {});
+  EXPECT_EQ(calls, 1);
+  const MainLoop::TimerId early = loop.PostTimer(1.0, [] {});
+  EXPECT_EQ(calls, 2);
+  EXPECT_LE(loop.SecondsUntilNextJob(), 1.0);
+  EXPECT_TRUE(loop.CancelTimer(early));
+  EXPECT_EQ(calls, 2) << "taking a timer back calls no hook";
+  EXPECT_GT(loop.SecondsUntilNextJob(), 4.0) << "the next due time moved to the 5 s timer";
+}
+
+TEST(MainLoopWakeUpHookTest, SecondsUntilNextJobIsZeroOnceADelayedJobFellDue) {
+  MainLoop loop;
+  bool ran = false;
+  loop.PostDelayed(0.02, [&] { ran = true; });
+  std::this_thread::sleep_for(std::chrono::milliseconds(30));
+  EXPECT_EQ(loop.SecondsUntilNextJob(), 0.0);
+  loop.RunUntilIdle();
+  EXPECT_TRUE(ran);
+  EXPECT_EQ(loop.SecondsUntilNextJob(), -1.0);
+}
+
+TEST(MainLoopWakeUpHookTest, RemovedOrReplacedHookIsNotCalled) {
+  MainLoop loop;
+  int first = 0;
+  int second = 0;
+  loop.SetWakeUpHook([&] { ++first; });
+  loop.Post([] {});
+  loop.SetWakeUpHook([&] { ++second; });
+  loop.Post([] {});
+  loop.SetWakeUpHook(nullptr);
+  loop.Post([] {});
+  loop.PostDelayed(0.5, [] {});
+  EXPECT_EQ(first, 1);
+  EXPECT_EQ(second, 1);
+  EXPECT_EQ(loop.pending(), 4u) << "posting without a hook still queues";
+}
+
+TEST(MainLoopWakeUpHookTest, RunUntilAndRunStillWorkWithAHook) {
+  MainLoop loop;
+  std::atomic<int> calls{0};
+  loop.SetWakeUpHook([&] { ++calls; });
+  int ran = 0;
+  loop.PostDelayed(0.01, [&] { ++ran; });
+  loop.Post([&] { ++ran; });
+  EXPECT_TRUE(loop.RunUntil([&] { return ran == 2; }, 5.0));
+  loop.Post([&] { loop.Quit(); });
+  loop.Run();
+  EXPECT_EQ(calls.load(), 3);
+}
+
+// A host's loop on its own thread that sleeps until the hook wakes it, then runs what is ready:
+// every job posted from several threads runs, on the host's thread, without polling.
+TEST(MainLoopWakeUpHookTest, HookDrivesAnotherLoopAcrossThreads) {
+  MainLoop loop;
+  std::mutex mutex;
+  std::condition_variable signal;
+  bool woken = false;
+  loop.SetWakeUpHook([&] {
+    {
+      std::lock_guard<std::mutex> lock(mutex);
+      woken = true;
+    }
+    signal.notify_one();
+  });
+
+  constexpr int kThreads = 4;
+  constexpr int kJobsEach = 500;
+  int ran = 0;  // touched only on the host's thread
+  std::thread::id host_thread;
+  bool all_on_host = true;
+  std::atomic<bool> host_done{false};
+  std::thread host([&] {
+    host_thread = std::this_thread::get_id();
+    int wake_ups = 0;
+    while (ran < kThreads * kJobsEach) {
+      {
+        std::unique_lock<std::mutex> lock(mutex);
+        if (!signal.wait_for(lock, std::chrono::seconds(10), [&] { return woken; })) break;
+        woken = false;
+      }
+      ++wake_ups;
+      loop.RunUntilIdle();
+    }
+    EXPECT_GE(wake_ups, 1);
+    host_done = true;
+  });
+  std::vector<std::thread> posters;
+  for (int t = 0; t < kThreads; ++t) {
+    posters.emplace_back([&] {
+      for (int i = 0; i < kJobsEach; ++i) {
+        loop.Post([&] {
+          ++ran;
+          all_on_host = all_on_host && std::this_thread::get_id() == host_thread;
+        });
+      }
+    });
+  }
+  for (auto& poster : posters) poster.join();
+  host.join();
+  EXPECT_TRUE(host_done.load());
+  EXPECT_EQ(ran, kThreads * kJobsEach);
+  EXPECT_TRUE(all_on_host);
+  EXPECT_EQ(loop.pending(), 0u);
+}
+
+// Removing the hook waits for a call in progress, so the hook's owner can go right after.
+TEST(MainLoopWakeUpHookTest, RemovingTheHookWaitsForARunningCall) {
+  MainLoop loop;
+  std::atomic<bool> in_hook{false};
+  std::atomic<bool> hook_finished{false};
+  loop.SetWakeUpHook([&] {
+    in_hook = true;
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    hook_finished = true;
+  });
+  std::thread poster([&] { loop.Post([] {}); });
+  while (!in_hook.load()) std::this_thread::yield();
+  loop.SetWakeUpHook(nullptr);
+  EXPECT_TRUE(hook_finished.load()) << "SetWakeUpHook returned while the old hook still ran";
+  poster.join();
+  loop.RunUntilIdle();
 }
 
 TEST(MainLoopTest, CancelledTimersNeverRunAndAreDestroyedAtOnce) {

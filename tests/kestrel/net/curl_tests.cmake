@@ -17,6 +17,7 @@ quire_add_test(kestrel_curl_test
     net/curl_recycle_test.cpp
     net/curl_sink_test.cpp
     net/curl_status_test.cpp
-  LIBS quire_test_support quire_test_certificates PkgConfig::CURL_TEST_HTTPLIB OpenSSL::SSL OpenSSL::Crypto Threads::Threads)
+    net/curl_proxy_test.cpp
+  LIBS quire_test_support quire_test_certificates quire_test_proxy PkgConfig::CURL_TEST_HTTPLIB OpenSSL::SSL OpenSSL::Crypto Threads::Threads)
 target_compile_definitions(kestrel_curl_test PRIVATE
   KESTREL_TEST_PROJECT_VERSION="${PROJECT_VERSION}")

@@ -26,4 +26,16 @@ if(TARGET quire-server AND TARGET quire_cli)
     QUIRE_BINARY="$<TARGET_FILE:quire_cli>"
     QUIRE_SERVER_BINARY="$<TARGET_FILE:quire-server>")
   add_dependencies(quire_cli_end_to_end_test quire_cli quire-server)
+
+  # The quire program behind a real proxy (tinyproxy).
+  quire_add_test(quire_cli_proxy_test
+    SOURCES
+      ${CMAKE_CURRENT_LIST_DIR}/cli_proxy_test.cpp
+      ${CMAKE_CURRENT_LIST_DIR}/process_runner.cpp
+      ${CMAKE_CURRENT_LIST_DIR}/proxy_environment_test.cpp
+    LIBS quire_cli_core quire_test_proxy)
+  target_compile_definitions(quire_cli_proxy_test PRIVATE
+    QUIRE_BINARY="$<TARGET_FILE:quire_cli>"
+    QUIRE_SERVER_BINARY="$<TARGET_FILE:quire-server>")
+  add_dependencies(quire_cli_proxy_test quire_cli quire-server)
 endif()

@@ -1,0 +1,197 @@
+// The desktop application's window used as a person uses it, under Qt's offscreen platform,
+// against the emulator over real HTTPS: the list, an upload dropped on the window with the progress
+// bar moving to the end, an upload cancelled half-way, a download compared byte for byte, a delete
+// refused because the document changed since the listing (412) and then done. Saves a screenshot
+// of the window (QUIRE_DESKTOP_SCREENSHOT names the file; by default it goes to the build folder).
+#include <gtest/gtest.h>
+
+#include <QApplication>
+#include <QDropEvent>
+#include <QFile>
+#include <QMimeData>
+#include <QProgressBar>
+#include <QPushButton>
+#include <QTableWidget>
+#include <QTemporaryDir>
+#include <QTest>
+#include <QUrl>
+#include <memory>
+
+#include "kestrel/net/curl_transport.h"
+#include "main_window.h"
+#include "quire/qt/qt_event_loop_driver.h"
+#include "quire/services/docs_service.h"
+#include "tests/hardening/fault_emulator.h"
+#include "tests/quire/qt/qt_test_app.h"
+
+namespace {
+
+using desktop_example::MainWindow;
+using quire_qt_test::RunQtLoop;
+
+QByteArray Pattern(int size, int seed) {
+  QByteArray bytes(size, '\0');
+  std::uint32_t state = 2463534242u + static_cast<std::uint32_t>(seed);
+  for (int i = 0; i < size; ++i) {
+    state ^= state << 13;
+    state ^= state >> 17;
+    state ^= state << 5;
+    bytes[i] = static_cast<char>(state);
+  }
+  return bytes;
+}
+
+class DesktopWindowTest : public ::testing::Test {
+ protected:
+  static void SetUpTestSuite() {
+    qputenv("QT_QPA_PLATFORM", "offscreen");
+    static int argc = 1;
+    static char name[] = "desktop-window-test";
+    static char* argv[] = {name, nullptr};
+    if (QApplication::instance() == nullptr) new QApplication(argc, argv);
+  }
+
+  void SetUp() override {
+    ASSERT_TRUE(dir_.isValid());
+    ASSERT_TRUE(emulator_.Start({}));
+    kestrel::net::CurlTransportConfig config;
+    for (const char* host : {"docs.quire.example", "api.quire.example"}) {
+      config.host_mappings.push_back(
+          {QString::fromLatin1(host), QStringLiteral("127.0.0.1"), emulator_.port()});
+    }
+    config.extra_ca_certificate_files.push_back(
+        QString::fromStdString(emulator_.certificate_file()));
+    ASSERT_TRUE(kestrel::net::CurlTransport::Default()->Configure(config));
+    driver_ = std::make_unique<kestrel::quire::QtEventLoopDriver>();
+  }
+
+  void TearDown() override { driver_.reset(); }
+
+  QString WriteFile(const char* name, const QByteArray& bytes) {
+    const QString path = dir_.filePath(QString::fromLatin1(name));
+    QFile file(path);
+    EXPECT_TRUE(file.open(QIODevice::WriteOnly));
+    EXPECT_EQ(file.write(bytes), bytes.size());
+    return path;
+  }
+
+  // Drops `path` on the window, as a file manager would.
+  static void Drop(MainWindow* window, const QString& path) {
+    QMimeData mime;
+    mime.setUrls({QUrl::fromLocalFile(path)});
+    const QPoint at = window->rect().center();
+    QDragEnterEvent enter(at, Qt::CopyAction, &mime, Qt::LeftButton, Qt::NoModifier);
+    QApplication::sendEvent(window, &enter);
+    ASSERT_TRUE(enter.isAccepted()) << "the window does not take dropped files";
+    QDropEvent drop(at, Qt::CopyAction, &mime, Qt::LeftButton, Qt::NoModifier);
+    QApplication::sendEvent(window, &drop);
+  }
+
+  static int RowOf(MainWindow* window, const QString& title) {
+    for (int row = 0; row < window->table()->rowCount(); ++row) {
+      if (window->table()->item(row, 0)->text() == title) return row;
+    }
+    return -1;
+  }
+
+  QTemporaryDir dir_;
+  quire_hardening::FaultEmulator emulator_;
+  std::unique_ptr<kestrel::quire::QtEventLoopDriver> driver_;
+};
+
+TEST_F(DesktopWindowTest, ListUploadCancelDownloadDelete) {
+  auto window = std::make_unique<MainWindow>(QStringLiteral("quire-demo-token"), 256 * 1024);
+  window->show();
+  ASSERT_TRUE(
+      RunQtLoop([&] { return !window->busy() && window->account_text().contains('@'); }, 30.0));
+  EXPECT_EQ(window->account_text(), QStringLiteral("Signed in as demo@quire.example"));
+  EXPECT_EQ(window->table()->rowCount(), 0);
+
+  // Upload by dropping a file: the progress bar moves chunk by chunk and reaches the end.
+  const QByteArray report = Pattern(3 * 1024 * 1024 + 123, 1);
+  Drop(window.get(), WriteFile("report.bin", report));
+  EXPECT_TRUE(window->uploading());
+  ASSERT_TRUE(RunQtLoop([&] { return !window->busy() && window->table()->rowCount() == 1; }, 60.0))
+      << window->message_text().toStdString();
+  EXPECT_GE(window->progress_moves(), 12) << "the bar did not move with the chunks";
+  EXPECT_EQ(window->progress()->value(), window->progress()->maximum());
+  EXPECT_EQ(window->table()->item(0, 0)->text(), QStringLiteral("report.bin"));
+  EXPECT_EQ(window->table()->item(0, 1)->text(), QStringLiteral("application/octet-stream"));
+
+  // A second upload, cancelled half-way with the Cancel button.
+  const QByteArray big = Pattern(48 * 1024 * 1024, 2);
+  Drop(window.get(), WriteFile("big.bin", big));
+  ASSERT_TRUE(RunQtLoop([&] { return window->progress()->value() >= 300; }, 60.0));
+  ASSERT_TRUE(window->cancel_button()->isEnabled());
+  QTest::mouseClick(window->cancel_button(), Qt::LeftButton);
+  ASSERT_TRUE(RunQtLoop([&] { return !window->uploading(); }, 60.0));
+  EXPECT_LT(window->progress()->value(), window->progress()->maximum());
+  EXPECT_TRUE(window->message_text().contains(QLatin1String("cancelled")))
+      << window->message_text().toStdString();
+  window->Refresh();
+  ASSERT_TRUE(RunQtLoop([&] { return !window->busy(); }, 30.0));
+  EXPECT_EQ(window->table()->rowCount(), 1) << "a cancelled upload made a document";
+
+  // The screenshot: the list, the signed-in account, the message of the last step.
+  const QByteArray shot_path = qgetenv("QUIRE_DESKTOP_SCREENSHOT");
+  EXPECT_TRUE(window->grab().save(shot_path.isEmpty() ? dir_.filePath(QStringLiteral("window.png"))
+                                                      : QString(shot_path)));
+
+  // Download the selected document to a file: the very bytes.
+  window->table()->selectRow(RowOf(window.get(), QStringLiteral("report.bin")));
+  const QString saved = dir_.filePath(QStringLiteral("saved.bin"));
+  window->DownloadSelectedTo(saved);
+  ASSERT_TRUE(RunQtLoop([&] { return !window->busy(); }, 30.0));
+  QFile back(saved);
+  ASSERT_TRUE(back.open(QIODevice::ReadOnly)) << window->message_text().toStdString();
+  EXPECT_TRUE(back.readAll() == report) << "the downloaded bytes differ";
+  EXPECT_EQ(window->progress()->value(), window->progress()->maximum());
+  EXPECT_TRUE(window->message_text().startsWith(QLatin1String("Saved report.bin")))
+      << window->message_text().toStdString();
+
+  // Someone else changes the document after the listing: the delete is refused (412).
+  {
+    kestrel::quire::DocsService other;
+    other.SetOAuth2AuthToken(QStringLiteral("quire-demo-token"));
+    const MainWindow::Document& listed = window->documents()[0];
+    int status = -1;
+    other.ModifyEntryContent(listed.edit_link, QStringLiteral("text/plain"), Pattern(10, 3),
+                             [&](kestrel::quire::NetworkResponseInfo info,
+                                 const kestrel::quire::DocsEntry&) { status = info.status; });
+    ASSERT_TRUE(RunQtLoop([&] { return status != -1; }, 30.0));
+    ASSERT_EQ(status, 0);
+  }
+  window->table()->selectRow(0);
+  QPushButton* delete_button = nullptr;
+  for (QPushButton* button : window->findChildren<QPushButton*>()) {
+    if (button->text() == QLatin1String("Delete")) delete_button = button;
+  }
+  ASSERT_NE(delete_button, nullptr);
+  QTest::mouseClick(delete_button, Qt::LeftButton);
+  ASSERT_TRUE(RunQtLoop([&] { return !window->busy(); }, 30.0));
+  EXPECT_TRUE(window->message_text().contains(QLatin1String("changed since the list was loaded")))
+      << window->message_text().toStdString();
+  EXPECT_EQ(window->table()->rowCount(), 1);
+
+  // After a refresh the delete goes through.
+  window->Refresh();
+  ASSERT_TRUE(RunQtLoop([&] { return !window->busy(); }, 30.0));
+  window->table()->selectRow(0);
+  QTest::mouseClick(delete_button, Qt::LeftButton);
+  ASSERT_TRUE(RunQtLoop([&] { return !window->busy() && window->table()->rowCount() == 0; }, 30.0))
+      << window->message_text().toStdString();
+  EXPECT_TRUE(window->message_text().startsWith(QLatin1String("Deleted")));
+  window.reset();
+}
+
+TEST_F(DesktopWindowTest, ServiceThatIsDownIsAMessageNotAFrozenWindow) {
+  emulator_.Stop();
+  auto window = std::make_unique<MainWindow>(QStringLiteral("quire-demo-token"), 256 * 1024);
+  window->show();
+  ASSERT_TRUE(RunQtLoop([&] { return !window->busy(); }, 30.0));
+  EXPECT_TRUE(window->message_text().contains(QLatin1String("Could not reach the service")))
+      << window->message_text().toStdString();
+  window.reset();
+}
+
+}  // namespace
