@@ -61,6 +61,11 @@ foreach(tool quire_cli quire-server)
     DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
   list(APPEND QUIRE_MAN_PAGES ${PROJECT_BINARY_DIR}/docs/man/${tool_name}.1)
 endforeach()
+# The bash completion of the command, where bash-completion looks for it on demand.
+if(TARGET quire_cli)
+  install(FILES ${PROJECT_SOURCE_DIR}/tools/quire/completion/quire.bash
+    DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/bash-completion/completions RENAME quire)
+endif()
 
 # The guides, the change log and the examples (the API reference, when built, comes with
 # cmake/QuireDocs.cmake).

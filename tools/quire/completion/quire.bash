@@ -1,0 +1,176 @@
+# bash completion for quire: commands, options, files where a file is expected, profile names
+# after --profile, and document titles where a DOC is expected.
+#
+# The commands and options are read from quire's own help (once per shell and command), so the
+# completion follows the program it sits beside. Document titles come from `quire ls --titles`,
+# asked only when a token and a server are configured (QUIRE_TOKEN or --token-file, and --server,
+# or a configuration file that may name them), with a time-out of a few seconds; its error output
+# is discarded and nothing of the token is ever shown.
+
+# The options of `quire [command] --help`, one per line, a trailing "=" on those that take a value.
+_quire_options() {
+  local cmd=$1 key=_quire_opts_${1:-global}
+  key=${key//-/_}
+  if [[ -z ${!key+set} ]]; then
+    local help
+    if [[ -n $cmd ]]; then
+      help=$("${_quire_program:-quire}" "$cmd" --help 2>/dev/null)
+    else
+      help=$("${_quire_program:-quire}" --help 2>/dev/null)
+    fi
+    printf -v "$key" '%s' "$(printf '%s\n' "$help" | sed -n -E \
+      -e 's/^ +(-[^ ]+) +[A-Z][A-Z_]*( .*)?$/\1=/p' \
+      -e 's/^ +(-[^ ]+)( .*)?$/\1/p' | while IFS= read -r spec; do
+        value=""
+        [[ $spec == *= ]] && value="=" && spec=${spec%=}
+        IFS=, read -ra names <<<"$spec"
+        for name in "${names[@]}"; do
+          [[ $name == -* ]] && printf '%s%s\n' "$name" "$value"
+        done
+      done)"
+  fi
+  printf '%s\n' "${!key}"
+}
+
+# The commands of `quire --help`.
+_quire_commands() {
+  if [[ -z ${_quire_cmds+set} ]]; then
+    _quire_cmds=$("${_quire_program:-quire}" --help 2>/dev/null | sed -n -E \
+      -e '/^SUBCOMMANDS:/I,/^$/s/^ +([a-z][a-z0-9-]*)( .*)?$/\1/p')
+  fi
+  printf '%s\n' "$_quire_cmds"
+}
+
+# The names of the profiles in the configuration file.
+_quire_profiles() {
+  local file=${XDG_CONFIG_HOME:-$HOME/.config}/quire/config
+  [[ -r $file ]] || return 0
+  sed -n -E 's/^[[:space:]]*\[[[:space:]]*([^]]*[^][:space:]])[[:space:]]*\][[:space:]]*$/\1/p' \
+    "$file"
+}
+
+# The titles of the documents, one per line, or nothing when no token or server is configured.
+# $@: the global options given on the line so far (without --timeout).
+_quire_titles() {
+  local token=no server=no arg
+  [[ -n ${QUIRE_TOKEN:-} ]] && token=yes
+  for arg in "$@"; do
+    case $arg in
+      --token-file | --token-file=*) token=yes ;;
+      --server | --server=*) server=yes ;;
+    esac
+  done
+  if [[ -r ${XDG_CONFIG_HOME:-$HOME/.config}/quire/config ]]; then
+    token=yes
+    server=yes
+  fi
+  [[ $token == yes && $server == yes ]] || return 0
+  local limit=${QUIRE_COMPLETION_TIMEOUT:-3}
+  if type -P timeout >/dev/null; then
+    timeout "$limit" "${_quire_program:-quire}" "$@" --timeout "$limit" ls --titles 2>/dev/null
+  else
+    "${_quire_program:-quire}" "$@" --timeout "$limit" ls --titles 2>/dev/null
+  fi
+}
+
+# Fills COMPREPLY with the lines of $1 that start with $2, each quoted for the shell.
+_quire_reply_lines() {
+  local lines=$1 cur=$2 line
+  COMPREPLY=()
+  while IFS= read -r line; do
+    [[ -n $line && $line == "$cur"* ]] && COMPREPLY+=("$(printf '%q' "$line")")
+  done <<<"$lines"
+}
+
+_quire() {
+  local cur prev words cword
+  if declare -F _init_completion >/dev/null; then
+    _init_completion -n = || return
+  else
+    cur=${COMP_WORDS[COMP_CWORD]}
+    prev=${COMP_WORDS[COMP_CWORD - 1]}
+    words=("${COMP_WORDS[@]}")
+    cword=$COMP_CWORD
+  fi
+  _quire_program=${words[0]}
+  [[ $_quire_program == */* || -z $_quire_program ]] || _quire_program=$(type -P "$_quire_program")
+  _quire_program=${_quire_program:-quire}
+
+  # Walk the words before the cursor: the command, the global options (for the titles), and the
+  # positional arguments of the command.
+  local cmd="" i word global=() positionals=0 expects=""
+  local commands global_opts
+  commands=$(_quire_commands)
+  global_opts=$(_quire_options "")
+  for ((i = 1; i < cword; i++)); do
+    word=${words[i]}
+    if [[ -n $expects ]]; then
+      [[ -z $cmd && $expects != --timeout ]] && global+=("$expects" "$word")
+      expects=""
+      continue
+    fi
+    if [[ $word == -* ]]; then
+      local opts
+      opts=$(_quire_options "$cmd")
+      [[ -z $cmd ]] || opts+=$'\n'$global_opts
+      if [[ $word != *=* ]] && grep -qx -- "$word=" <<<"$opts"; then
+        expects=$word
+      elif [[ -z $cmd && $word != --timeout=* && $word != -v* && $word != --verbose ]]; then
+        global+=("$word")
+      fi
+    elif [[ -z $cmd ]]; then
+      cmd=$word
+    else
+      ((positionals++))
+    fi
+  done
+
+  # The value of an option.
+  if [[ -n $expects ]]; then
+    case $expects in
+      --cacert | --token-file | -o | --output | --state-file)
+        compopt -o filenames 2>/dev/null
+        COMPREPLY=($(compgen -f -- "$cur"))
+        ;;
+      --server-binary)
+        compopt -o filenames 2>/dev/null
+        COMPREPLY=($(compgen -c -f -- "$cur"))
+        ;;
+      --profile) _quire_reply_lines "$(_quire_profiles)" "$cur" ;;
+      --to) _quire_reply_lines "$(_quire_titles "${global[@]}")" "$cur" ;;
+      *) COMPREPLY=() ;;
+    esac
+    return 0
+  fi
+
+  if [[ $cur == -* ]]; then
+    local opts
+    opts=$(_quire_options "$cmd")
+    [[ -z $cmd ]] || opts+=$'\n'$global_opts
+    COMPREPLY=($(compgen -W "$(sed 's/=$//' <<<"$opts" | sort -u)" -- "$cur"))
+    return 0
+  fi
+
+  if [[ -z $cmd ]]; then
+    COMPREPLY=($(compgen -W "$commands" -- "$cur"))
+    return 0
+  fi
+
+  # A positional argument: a document, a file, or nothing.
+  local kind=""
+  case $cmd:$positionals in
+    get:0 | rm:0 | replace:0) kind=doc ;;
+    put:0 | replace:1 | upload:0) kind=file ;;
+  esac
+  case $kind in
+    doc) _quire_reply_lines "$(_quire_titles "${global[@]}")" "$cur" ;;
+    file)
+      compopt -o filenames 2>/dev/null
+      COMPREPLY=($(compgen -f -- "$cur"))
+      ;;
+    *) COMPREPLY=() ;;
+  esac
+  return 0
+}
+
+complete -F _quire quire
