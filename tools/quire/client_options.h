@@ -17,6 +17,14 @@ struct ClientOptions {
   double timeout_seconds = 60;
   // Where the token is read from instead of QUIRE_TOKEN.
   QString token_file;
+  // The proxy that the requests go through ("http://proxy.example:3128"; http, https, socks4,
+  // socks4a, socks5 or socks5h), from --proxy or the profile; empty for none.
+  QString proxy;
+  // How many times a failed request may be tried again, from --retries or the profile; -1 when
+  // neither gives it (the command's own default applies).
+  int retries = -1;
+  // 0 quiet; 1 one line per request on the error stream (-v); 2 also the header lines (-vv).
+  int verbosity = 0;
 };
 
 }  // namespace quire_cli
