@@ -41,8 +41,23 @@ failures=0
 # Completes the line (the cursor at its end) and prints the candidates, sorted, one per line.
 complete_line() {
   local line=$1
-  read -ra COMP_WORDS <<<"$line"
-  [[ $line == *" " ]] && COMP_WORDS+=("")
+  # Words at unescaped blanks, quoting kept, as bash gives them.
+  COMP_WORDS=()
+  local rest=$line word=""
+  while [[ -n $rest ]]; do
+    if [[ $rest == '\ '* ]]; then
+      word+='\ '
+      rest=${rest:2}
+    elif [[ $rest == ' '* ]]; then
+      COMP_WORDS+=("$word")
+      word=""
+      rest=${rest:1}
+    else
+      word+=${rest:0:1}
+      rest=${rest:1}
+    fi
+  done
+  COMP_WORDS+=("$word")
   COMP_CWORD=$((${#COMP_WORDS[@]} - 1))
   COMP_LINE=$line
   COMP_POINT=${#line}

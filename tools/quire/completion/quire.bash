@@ -73,9 +73,55 @@ _quire_titles() {
   fi
 }
 
-# Fills COMPREPLY with the lines of $1 that start with $2, each quoted for the shell.
+# A word as the shell will pass it: surrounding quotes and backslash escapes removed.
+_quire_dequote() {
+  local word=$1
+  if [[ $word == \'* ]]; then
+    word=${word#\'}
+    word=${word%\'}
+  elif [[ $word == \"* ]]; then
+    word=${word#\"}
+    word=${word%\"}
+  fi
+  printf '%s' "$word" | sed -e 's/\\\(.\)/\1/g'
+}
+
+# Splits the line up to the cursor into words at unquoted blanks only (bash's own COMP_WORDS also
+# breaks at ':' and '=', which would cut addresses apart). Sets words, cword, cur and prev.
+_quire_split_line() {
+  local line=${COMP_LINE:0:COMP_POINT} word="" c i escaped=no quote=""
+  words=()
+  for ((i = 0; i < ${#line}; i++)); do
+    c=${line:i:1}
+    if [[ $escaped == yes ]]; then
+      word+=$c
+      escaped=no
+    elif [[ $c == \\ && $quote != \' ]]; then
+      word+=$c
+      escaped=yes
+    elif [[ -n $quote ]]; then
+      word+=$c
+      [[ $c == "$quote" ]] && quote=""
+    elif [[ $c == [\"\'] ]]; then
+      quote=$c
+      word+=$c
+    elif [[ $c == [[:space:]] ]]; then
+      [[ -n $word ]] && words+=("$word")
+      word=""
+    else
+      word+=$c
+    fi
+  done
+  words+=("$word")
+  cword=$((${#words[@]} - 1))
+  cur=$word
+  prev=${words[cword - 1]:-}
+}
+
+# Fills COMPREPLY with the lines of $1 that start with $2 (as typed), each quoted for the shell.
 _quire_reply_lines() {
-  local lines=$1 cur=$2 line
+  local lines=$1 cur line
+  cur=$(_quire_dequote "$2")
   COMPREPLY=()
   while IFS= read -r line; do
     [[ -n $line && $line == "$cur"* ]] && COMPREPLY+=("$(printf '%q' "$line")")
@@ -85,14 +131,11 @@ _quire_reply_lines() {
 _quire() {
   local cur prev words cword
   if declare -F _init_completion >/dev/null; then
-    _init_completion -n = || return
+    _init_completion -n =: || return
   else
-    cur=${COMP_WORDS[COMP_CWORD]}
-    prev=${COMP_WORDS[COMP_CWORD - 1]}
-    words=("${COMP_WORDS[@]}")
-    cword=$COMP_CWORD
+    _quire_split_line
   fi
-  _quire_program=${words[0]}
+  _quire_program=$(_quire_dequote "${words[0]}")
   [[ $_quire_program == */* || -z $_quire_program ]] || _quire_program=$(type -P "$_quire_program")
   _quire_program=${_quire_program:-quire}
 
@@ -105,7 +148,7 @@ _quire() {
   for ((i = 1; i < cword; i++)); do
     word=${words[i]}
     if [[ -n $expects ]]; then
-      [[ -z $cmd && $expects != --timeout ]] && global+=("$expects" "$word")
+      [[ -z $cmd && $expects != --timeout ]] && global+=("$expects" "$(_quire_dequote "$word")")
       expects=""
       continue
     fi
@@ -116,7 +159,7 @@ _quire() {
       if [[ $word != *=* ]] && grep -qx -- "$word=" <<<"$opts"; then
         expects=$word
       elif [[ -z $cmd && $word != --timeout=* && $word != -v* && $word != --verbose ]]; then
-        global+=("$word")
+        global+=("$(_quire_dequote "$word")")
       fi
     elif [[ -z $cmd ]]; then
       cmd=$word
