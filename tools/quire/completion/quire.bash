@@ -19,7 +19,7 @@ _quire_options() {
       help=$("${_quire_program:-quire}" --help 2>/dev/null)
     fi
     printf -v "$key" '%s' "$(printf '%s\n' "$help" | sed -n -E \
-      -e 's/^ +(-[^ ]+) +[A-Z][A-Z_]*( .*)?$/\1=/p' \
+      -e 's/^ +(-[^ ]+) +[A-Z][A-Z_]*([:= ].*)?$/\1=/p' \
       -e 's/^ +(-[^ ]+)( .*)?$/\1/p' | while IFS= read -r spec; do
         value=""
         [[ $spec == *= ]] && value="=" && spec=${spec%=}
