@@ -254,6 +254,7 @@ int CommandLine::Run(int argc, char** argv) {
   }
   try {
     Dispatch(&app);
+    transport_.reset();  // the request log's last lines come before the command ends
     out() << std::flush;
     return 0;
   } catch (const CliFailure& failure) {

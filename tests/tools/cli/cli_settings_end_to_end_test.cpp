@@ -26,21 +26,21 @@ class CliSettingsEndToEndTest : public ::testing::Test {
  protected:
   void SetUp() override {
     ASSERT_TRUE(dir_.isValid());
-    QDir().mkpath(Path("scratch"));
-    QDir().mkpath(Path("config/quire"));
+    QDir().mkpath(QPath("scratch"));
+    QDir().mkpath(QPath("config/quire"));
     ServerProcess::Settings settings;
     settings.program = QStringLiteral(QUIRE_SERVER_BINARY);
-    settings.data_dir = Path("data");
-    settings.log_file = Path("server.log");
+    settings.data_dir = QPath("data");
+    settings.log_file = QPath("server.log");
     settings.account = QStringLiteral("settings@quire.example");
     settings.token = QString::fromLatin1(kToken);
     server_.reset(new ServerProcess(settings));
     server_->Start();
     ASSERT_FALSE(server_->url().isEmpty());
-    runner_.reset(new ProcessRunner(QUIRE_BINARY, Path("scratch").toStdString()));
-    runner_->SetEnv("HOME", Path("home").toStdString());
-    runner_->SetEnv("XDG_CONFIG_HOME", Path("config").toStdString());
-    runner_->SetEnv("XDG_STATE_HOME", Path("state").toStdString());
+    runner_.reset(new ProcessRunner(QUIRE_BINARY, Path("scratch")));
+    runner_->SetEnv("HOME", Path("home"));
+    runner_->SetEnv("XDG_CONFIG_HOME", Path("config"));
+    runner_->SetEnv("XDG_STATE_HOME", Path("state"));
     runner_->UnsetEnv("QUIRE_TOKEN");
     runner_->UnsetEnv("QUIRE_PROFILE");
   }
@@ -49,6 +49,7 @@ class CliSettingsEndToEndTest : public ::testing::Test {
     if (server_) server_->Stop();
   }
 
+  QString QPath(const char* name) const { return dir_.filePath(QString::fromLatin1(name)); }
   std::string Path(const char* name) const {
     return dir_.filePath(QString::fromLatin1(name)).toStdString();
   }
