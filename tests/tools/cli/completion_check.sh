@@ -62,15 +62,16 @@ complete_line() {
   COMP_LINE=$line
   COMP_POINT=${#line}
   COMPREPLY=()
+  # In this shell, not a subshell, as bash calls it: what the script caches stays.
   _quire quire "${COMP_WORDS[COMP_CWORD]}" "${COMP_WORDS[COMP_CWORD - 1]}"
-  printf '%s\n' "${COMPREPLY[@]}" | sort
+  got=$(printf '%s\n' "${COMPREPLY[@]}" | sort)
 }
 
 expect() {  # expect LINE CANDIDATE... : exactly these candidates
   local line=$1
   shift
-  local got want
-  got=$(complete_line "$line")
+  local want
+  complete_line "$line"
   want=$(printf '%s\n' "$@" | sort)
   if [ "$got" != "$want" ]; then
     echo "FAILED ($WITH_PACKAGE): '$line' completed to [${got//$'\n'/, }], expected [${want//$'\n'/, }]"
@@ -81,8 +82,8 @@ expect() {  # expect LINE CANDIDATE... : exactly these candidates
 expect_has() {  # expect_has LINE CANDIDATE... : at least these candidates
   local line=$1
   shift
-  local got want
-  got=$(complete_line "$line")
+  local want
+  complete_line "$line"
   for want in "$@"; do
     if ! grep -qxF -- "$want" <<<"$got"; then
       echo "FAILED ($WITH_PACKAGE): '$line' did not offer '$want' (got [${got//$'\n'/, }])"
@@ -130,7 +131,7 @@ if [ -n "${QUIRE_COMPLETION_SERVER:-}" ]; then
   expect "quire ${server[*]} --timeout 30 replace Quarterly\ r" 'Quarterly\ report'
   expect "quire ${server[*]} upload --to n" notes
   # A wrong token: the service refuses, nothing is offered and nothing is printed.
-  out=$(QUIRE_TOKEN=wrong-token-4f3e2d complete_line "quire ${server[*]} get " 2>&1)
+  out=$(QUIRE_TOKEN=wrong-token-4f3e2d complete_line "quire ${server[*]} get " 2>&1; printf '%s' "$got")
   [ -z "$out" ] || { echo "FAILED: a refused listing printed [$out]"; failures=$((failures + 1)); }
 fi
 exit $((failures > 0))

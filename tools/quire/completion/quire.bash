@@ -7,10 +7,11 @@
 # or a configuration file that may name them), with a time-out of a few seconds; its error output
 # is discarded and nothing of the token is ever shown.
 
-# The options of `quire [command] --help`, one per line, a trailing "=" on those that take a value.
+# Sets _quire_reply to the options of `quire [command] --help`, one per line, a trailing "=" on
+# those that take a value. Kept for the rest of the shell's life (not called in a subshell).
 _quire_options() {
   local cmd=$1 key=_quire_opts_${1:-global}
-  key=${key//-/_}
+  key=${key//[!a-zA-Z0-9_]/_}
   if [[ -z ${!key+set} ]]; then
     local help
     if [[ -n $cmd ]]; then
@@ -29,16 +30,16 @@ _quire_options() {
         done
       done)"
   fi
-  printf '%s\n' "${!key}"
+  _quire_reply=${!key}
 }
 
-# The commands of `quire --help`.
+# Sets _quire_reply to the commands of `quire --help`, one per line (kept like the options).
 _quire_commands() {
   if [[ -z ${_quire_cmds+set} ]]; then
     _quire_cmds=$("${_quire_program:-quire}" --help 2>/dev/null | sed -n -E \
       -e '/^SUBCOMMANDS:/I,/^$/s/^ +([a-z][a-z0-9-]*)( .*)?$/\1/p')
   fi
-  printf '%s\n' "$_quire_cmds"
+  _quire_reply=$_quire_cmds
 }
 
 # The names of the profiles in the configuration file.
@@ -142,9 +143,11 @@ _quire() {
   # Walk the words before the cursor: the command, the global options (for the titles), and the
   # positional arguments of the command.
   local cmd="" i word global=() positionals=0 expects=""
-  local commands global_opts
-  commands=$(_quire_commands)
-  global_opts=$(_quire_options "")
+  local commands global_opts _quire_reply
+  _quire_commands
+  commands=$_quire_reply
+  _quire_options ""
+  global_opts=$_quire_reply
   for ((i = 1; i < cword; i++)); do
     word=${words[i]}
     if [[ -n $expects ]]; then
@@ -154,7 +157,8 @@ _quire() {
     fi
     if [[ $word == -* ]]; then
       local opts
-      opts=$(_quire_options "$cmd")
+      _quire_options "$cmd"
+      opts=$_quire_reply
       [[ -z $cmd ]] || opts+=$'\n'$global_opts
       if [[ $word != *=* ]] && grep -qx -- "$word=" <<<"$opts"; then
         expects=$word
@@ -188,7 +192,8 @@ _quire() {
 
   if [[ $cur == -* ]]; then
     local opts
-    opts=$(_quire_options "$cmd")
+    _quire_options "$cmd"
+    opts=$_quire_reply
     [[ -z $cmd ]] || opts+=$'\n'$global_opts
     COMPREPLY=($(compgen -W "$(sed 's/=$//' <<<"$opts" | sort -u)" -- "$cur"))
     return 0
