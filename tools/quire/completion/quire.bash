@@ -3,9 +3,8 @@
 #
 # The commands and options are read from quire's own help (once per shell and command), so the
 # completion follows the program it sits beside. Document titles come from `quire ls --titles`,
-# asked only when a token and a server are configured (QUIRE_TOKEN or --token-file, and --server,
-# or a configuration file that may name them), with a time-out of a few seconds; its error output
-# is discarded and nothing of the token is ever shown.
+# asked only when a token and a server are configured (by options, QUIRE_TOKEN or a profile), with
+# a time-out of a few seconds; its error output is discarded and nothing of the token is shown.
 
 # Sets _quire_reply to the options of `quire [command] --help`, one per line, a trailing "=" on
 # those that take a value. Kept for the rest of the shell's life (not called in a subshell).
@@ -50,22 +49,15 @@ _quire_profiles() {
     "$file"
 }
 
-# The titles of the documents, one per line, or nothing when no token or server is configured.
-# $@: the global options given on the line so far (without --timeout).
+# The titles of the documents, one per line, or nothing when no token or no server is configured.
+# `quire config` (which asks nothing of the service and masks the token) says whether they are,
+# by the same rules as every command. $@: the global options given on the line so far (without
+# --timeout).
 _quire_titles() {
-  local token=no server=no arg
-  [[ -n ${QUIRE_TOKEN:-} ]] && token=yes
-  for arg in "$@"; do
-    case $arg in
-      --token-file | --token-file=*) token=yes ;;
-      --server | --server=*) server=yes ;;
-    esac
-  done
-  if [[ -r ${XDG_CONFIG_HOME:-$HOME/.config}/quire/config ]]; then
-    token=yes
-    server=yes
-  fi
-  [[ $token == yes && $server == yes ]] || return 0
+  local settings
+  settings=$("${_quire_program:-quire}" "$@" config 2>/dev/null) || return 0
+  grep -q "^server  *(the service's own hosts)" <<<"$settings" && return 0
+  grep -q '^token  *(none)' <<<"$settings" && return 0
   local limit=${QUIRE_COMPLETION_TIMEOUT:-3}
   if type -P timeout >/dev/null; then
     timeout "$limit" "${_quire_program:-quire}" "$@" --timeout "$limit" ls --titles 2>/dev/null
