@@ -27,6 +27,10 @@ install(FILES ${PROJECT_BINARY_DIR}/QuireConfig.cmake ${PROJECT_BINARY_DIR}/Quir
 file(RELATIVE_PATH QUIRE_PC_TO_PREFIX "/${CMAKE_INSTALL_LIBDIR}/pkgconfig" "/")
 string(REGEX REPLACE "/$" "" QUIRE_PC_TO_PREFIX "${QUIRE_PC_TO_PREFIX}")
 set(QUIRE_QT_PC Qt${QUIRE_QT_MAJOR}Core)
+set(QUIRE_PC_CFLAGS "")
+if(QUIRE_QT_MAJOR STREQUAL "5")
+  set(QUIRE_PC_CFLAGS " -fPIC")
+endif()
 foreach(pc quire kestrel quire-qt)
   configure_file(${PROJECT_SOURCE_DIR}/cmake/${pc}.pc.in ${PROJECT_BINARY_DIR}/${pc}.pc @ONLY)
   install(FILES ${PROJECT_BINARY_DIR}/${pc}.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
@@ -61,6 +65,11 @@ foreach(tool quire_cli quire-server)
     DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
   list(APPEND QUIRE_MAN_PAGES ${PROJECT_BINARY_DIR}/docs/man/${tool_name}.1)
 endforeach()
+# The bash completion of the command, where bash-completion looks for it on demand.
+if(TARGET quire_cli)
+  install(FILES ${PROJECT_SOURCE_DIR}/tools/quire/completion/quire.bash
+    DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/bash-completion/completions RENAME quire)
+endif()
 
 # The guides, the change log and the examples (the API reference, when built, comes with
 # cmake/QuireDocs.cmake).

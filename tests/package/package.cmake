@@ -35,3 +35,16 @@ if(TARGET quire-server)
       ${CMAKE_CURRENT_BINARY_DIR}/examples-run)
   set_tests_properties(examples_against_emulator PROPERTIES TIMEOUT 300)
 endif()
+
+# The Debian packages from a fresh clone of the committed tree: built, checked with lintian,
+# extracted into a scratch root, the examples built and run against it, the demo run from it
+# (scripts/check-deb). Its work folder stays in the build tree, so that later runs compile from
+# ccache.
+if(NOT QUIRE_SANITIZE AND QUIRE_QT_MAJOR STREQUAL "6")
+  find_program(QUIRE_DPKG_BUILDPACKAGE dpkg-buildpackage)
+  if(QUIRE_DPKG_BUILDPACKAGE)
+    add_test(NAME check_deb
+      COMMAND ${PROJECT_SOURCE_DIR}/scripts/check-deb ${CMAKE_CURRENT_BINARY_DIR}/check-deb)
+    set_tests_properties(check_deb PROPERTIES TIMEOUT 1800 RUN_SERIAL TRUE LABELS heavy)
+  endif()
+endif()

@@ -6,12 +6,14 @@ add_library(quire_cli_core STATIC
   ${CMAKE_CURRENT_LIST_DIR}/cli_failure.cpp
   ${CMAKE_CURRENT_LIST_DIR}/client.cpp
   ${CMAKE_CURRENT_LIST_DIR}/command_line.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/config_file.cpp
   ${CMAKE_CURRENT_LIST_DIR}/curl_transport_factory.cpp
   ${CMAKE_CURRENT_LIST_DIR}/demo_runner.cpp
   ${CMAKE_CURRENT_LIST_DIR}/doc_list_formatter.cpp
   ${CMAKE_CURRENT_LIST_DIR}/doc_record.cpp
   ${CMAKE_CURRENT_LIST_DIR}/doc_resolver.cpp
   ${CMAKE_CURRENT_LIST_DIR}/downloader.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/effective_settings.cpp
   ${CMAKE_CURRENT_LIST_DIR}/exit_codes.cpp
   ${CMAKE_CURRENT_LIST_DIR}/failure_classifier.cpp
   ${CMAKE_CURRENT_LIST_DIR}/interrupt_handler.cpp
@@ -20,6 +22,7 @@ add_library(quire_cli_core STATIC
   ${CMAKE_CURRENT_LIST_DIR}/progress_bar.cpp
   ${CMAKE_CURRENT_LIST_DIR}/progress_connection.cpp
   ${CMAKE_CURRENT_LIST_DIR}/proxy_environment.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/request_log.cpp
   ${CMAKE_CURRENT_LIST_DIR}/server_process.cpp
   ${CMAKE_CURRENT_LIST_DIR}/token_source.cpp
   ${CMAKE_CURRENT_LIST_DIR}/transport_installation.cpp

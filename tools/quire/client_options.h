@@ -21,6 +21,11 @@ struct ClientOptions {
   QString token_file;
   // The proxy: --proxy, else the environment's proxy variables.
   ProxyEnvironment proxy;
+  // How many times a failed request may be tried again, from --retries or the profile; -1 when
+  // neither gives it (the command's own default applies).
+  int retries = -1;
+  // 0 quiet; 1 one line per request on the error stream (-v); 2 also the header lines (-vv).
+  int verbosity = 0;
 };
 
 }  // namespace quire_cli

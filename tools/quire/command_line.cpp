@@ -42,6 +42,10 @@ std::string Footer() {
   return "\nThe token comes from the environment variable QUIRE_TOKEN or from the file given with\n"
          "--token-file. It is never taken on the command line and never printed.\n"
          "\n"
+         "Settings also come from the profile chosen with --profile or QUIRE_PROFILE (else\n"
+         "[default]) in $XDG_CONFIG_HOME/quire/config; options override it. quire config shows\n"
+         "them all with their origin.\n"
+         "\n"
          "DOC is a document's title, its id or its edit address (see quire ls --json). A title\n"
          "that several documents share is refused with the ids of the candidates.\n"
          "\n"
@@ -133,6 +137,13 @@ void CommandLine::Build(CLI::App* app) {
   app->add_option("--token-file", token_file_,
                   "Read the bearer token from this file instead of QUIRE_TOKEN")
       ->type_name("FILE");
+  app->add_option("--profile", profile_,
+                  "Take the settings that no option gives from this profile of the configuration "
+                  "file (default: QUIRE_PROFILE, else [default])")
+      ->type_name("NAME");
+  app->add_flag("-v,--verbose", options_.verbosity,
+                "Tell each request on the standard error: method, URL, status, bytes, time and "
+                "attempt; twice (-vv) also the header lines, credentials masked");
   // Not offered: a token on the command line would show in the process list. The option exists
   // only to refuse it without echoing the value.
   app->add_option("--token", token_on_command_line_)->group("");
@@ -142,7 +153,8 @@ void CommandLine::Build(CLI::App* app) {
   CLI::App* ls = app->add_subcommand(
       "ls", "List the documents: title, media type, updated, starred, removed, entity tag");
   ls->add_flag("--json", json_,
-               "Print a JSON array with one object per document holding every field of its entry");
+               "Print a JSON array with one object per document holding every field of its entry")
+      ->excludes(ls->add_flag("--titles", titles_, "Print only the titles, one per line"));
 
   CLI::App* get = app->add_subcommand("get", "Download a document's content");
   get->add_option("DOC", doc_, "The document: title, id or edit address")->required();
@@ -210,6 +222,10 @@ void CommandLine::Build(CLI::App* app) {
   resume->excludes(file)->excludes(title)->excludes(type)->excludes(chunk)->excludes(to);
   to->excludes(title);
 
+  app->add_subcommand("config",
+                      "Show the settings in effect and where each comes from (flag, environment, "
+                      "profile, default), the token masked");
+
   CLI::App* demo = app->add_subcommand(
       "demo",
       "Start a local emulator of the service on a free port and walk through the commands "
@@ -250,6 +266,7 @@ int CommandLine::Run(int argc, char** argv) {
   }
   try {
     Dispatch(&app);
+    transport_.reset();  // the request log's last lines come before the command ends
     out() << std::flush;
     return 0;
   } catch (const CliFailure& failure) {
@@ -266,16 +283,35 @@ void CommandLine::Dispatch(CLI::App* app) {
                      "tokens are not taken on the command line (other users can read a process's "
                      "arguments); set QUIRE_TOKEN or write the token into a file for --token-file");
   }
-  options_.server = Q(server_);
-  options_.cacert = Q(cacert_);
-  options_.token_file = Q(token_file_);
+  // Every global option named like a profile key (--server, --timeout, ...) overrides it.
+  EffectiveSettings::Inputs inputs{
+      {}, profile_, host_->profile_variable, host_->token_variable, host_->config_path,
+      host_->proxy_variables.https_proxy.toStdString(), host_->proxy_variables.https_origin};
+  for (const std::string& key : EffectiveSettings::Keys()) {
+    const CLI::Option* option = app->get_option_no_throw("--" + key);
+    if (key != "token" && option != nullptr && option->count() > 0) {
+      inputs.flags[key] = option->results().back();
+    }
+  }
+  settings_ = EffectiveSettings::Resolve(inputs);
+  settings_.ApplyTo(&options_);
+  // The proxy: --proxy, else the variables curl reads, else the profile's.
   options_.proxy = host_->proxy_variables;
-  if (app->count("--proxy") > 0) options_.proxy.Override(Q(proxy_));
+  const EffectiveSettings::Setting& proxy = settings_.Get("proxy");
+  if (proxy.origin == EffectiveSettings::Origin::kFlag ||
+      proxy.origin == EffectiveSettings::Origin::kProfile) {
+    options_.proxy.Override(QString::fromStdString(proxy.value));
+    if (proxy.origin == EffectiveSettings::Origin::kProfile) {
+      options_.proxy.https_origin = options_.proxy.http_origin = proxy.source;
+    }
+  }
   options_.proxy.Check();
   if (!options_.server.isEmpty()) CheckServer(options_.server);
   if (!options_.cacert.isEmpty() && !QFileInfo(options_.cacert).isReadable()) {
-    throw CliFailure(ExitCode::kUsage, "cannot read the certificate file " + cacert_ +
-                                           " given with --cacert; give a readable PEM file");
+    throw CliFailure(ExitCode::kUsage, "cannot read the certificate file " +
+                                           options_.cacert.toStdString() + " (from " +
+                                           settings_.Get("cacert").source +
+                                           "); give a readable PEM file");
   }
 
   const std::string name = app->get_subcommands().front()->get_name();
@@ -287,14 +323,15 @@ void CommandLine::Dispatch(CLI::App* app) {
   if (name == "rm") return Remove();
   if (name == "upload") return Upload();
   if (name == "demo") return Demo();
+  if (name == "config") return Config();
 }
 
 void CommandLine::InstallTransport() {
-  transport_.reset(new TransportInstallation(host_->make_transport, options_));
+  transport_.reset(new TransportInstallation(host_->make_transport, options_, &err()));
 }
 
 QString CommandLine::Token() {
-  return TokenSource::Read(options_.token_file, host_->token_variable);
+  return TokenSource::Read(options_.token_file, settings_.token_value());
 }
 
 QString CommandLine::StatePath() const {
@@ -313,7 +350,14 @@ void CommandLine::List() {
   InstallTransport();
   Client client(token, transport_->classifier());
   const FeedSnapshot snapshot = client.List();
-  if (json_) {
+  if (titles_) {
+    for (const DocRecord& doc : snapshot.documents) {
+      QString title = doc.title;
+      title.replace(QLatin1Char('\n'), QLatin1Char(' '))
+          .replace(QLatin1Char('\r'), QLatin1Char(' '));
+      out() << title.toStdString() << '\n';
+    }
+  } else if (json_) {
     const QByteArray json = DocListFormatter::Json(snapshot.documents);
     out().write(json.constData(), json.size());
   } else {
@@ -440,6 +484,8 @@ void CommandLine::Upload() {
   out() << "uploaded " << Describe(doc) << ": " << file.size() << " bytes in "
         << uploader.put_answers() << " chunks\n";
 }
+
+void CommandLine::Config() { out() << settings_.Report(); }
 
 void CommandLine::Demo() {
   DemoRunner runner(host_, Q(server_binary_));

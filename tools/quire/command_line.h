@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "tools/quire/client_options.h"
+#include "tools/quire/effective_settings.h"
 #include "tools/quire/host_environment.h"
 
 namespace CLI {
@@ -55,6 +56,7 @@ class CommandLine {
   void Remove();
   void Upload();
   void Demo();
+  void Config();
 
   // Puts the transport for the global options in place (until this object goes).
   void InstallTransport();
@@ -86,6 +88,9 @@ class CommandLine {
   bool resume_ = false;
   std::string state_file_;
   std::string server_binary_;
+  std::string profile_;
+  bool titles_ = false;
+  EffectiveSettings settings_;
 
   std::unique_ptr<TransportInstallation> transport_;
 };

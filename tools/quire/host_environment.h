@@ -27,6 +27,10 @@ struct HostEnvironment {
   QString token_variable;
   // The proxy variables (https_proxy, http_proxy, no_proxy and their upper-case forms).
   ProxyEnvironment proxy_variables;
+  // The value of QUIRE_PROFILE (null when unset): the profile of the configuration file to use.
+  QString profile_variable;
+  // The configuration file with the profiles (ConfigFile::DefaultPath); empty for none.
+  QString config_path;
   // Makes the transport that carries the requests, configured from the global options. The
   // transport must outlive the requests made through it; the command keeps the pointer until it
   // ends.

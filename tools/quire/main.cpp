@@ -6,6 +6,7 @@
 #include <iostream>
 
 #include "tools/quire/command_line.h"
+#include "tools/quire/config_file.h"
 #include "tools/quire/curl_transport_factory.h"
 #include "tools/quire/host_environment.h"
 #include "tools/quire/interrupt_handler.h"
@@ -33,6 +34,10 @@ int main(int argc, char** argv) {
   const char* token = std::getenv(quire_cli::TokenSource::kEnvironmentVariable);
   host.token_variable = token != nullptr ? QString::fromLocal8Bit(token) : QString();
   host.proxy_variables = quire_cli::ProxyEnvironment::FromProcess();
+  const char* profile = std::getenv("QUIRE_PROFILE");
+  host.profile_variable = profile != nullptr ? QString::fromLocal8Bit(profile) : QString();
+  host.config_path = quire_cli::ConfigFile::DefaultPath(qEnvironmentVariable("XDG_CONFIG_HOME"),
+                                                        qEnvironmentVariable("HOME"));
   host.make_transport = &quire_cli::CurlTransportFactory::Make;
   host.program_dir = ProgramDir(argv[0]);
 

@@ -22,9 +22,13 @@ std::shared_ptr<kestrel::net::ITransport> Make(const HostEnvironment::TransportF
 }  // namespace
 
 TransportInstallation::TransportInstallation(const HostEnvironment::TransportFactory& factory,
-                                             const ClientOptions& options)
+                                             const ClientOptions& options, std::ostream* log)
     : transport_(Make(factory, options)),
-      diagnostics_(transport_.get(), options.timeout_seconds),
+      log_(options.verbosity > 0 && log != nullptr
+               ? new RequestLog(transport_.get(), log, options.verbosity)
+               : nullptr),
+      diagnostics_(log_ ? static_cast<kestrel::net::ITransport*>(log_.get()) : transport_.get(),
+                   options.timeout_seconds),
       previous_(kestrel::net::TransportRegistry::Default()),
       classifier_(&diagnostics_, options.timeout_seconds) {
   kestrel::net::TransportRegistry::SetDefault(&diagnostics_);

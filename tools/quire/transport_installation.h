@@ -9,6 +9,7 @@
 #include "tools/quire/failure_classifier.h"
 #include "tools/quire/host_environment.h"
 #include "tools/quire/network_diagnostics.h"
+#include "tools/quire/request_log.h"
 
 namespace quire_cli {
 
@@ -16,8 +17,9 @@ class TransportInstallation {
  public:
   // Makes the transport with `factory` and installs it. Throws CliFailure when the factory refuses
   // the options.
+  // With options.verbosity above 0, the requests are told on `log` (see RequestLog).
   TransportInstallation(const HostEnvironment::TransportFactory& factory,
-                        const ClientOptions& options);
+                        const ClientOptions& options, std::ostream* log = nullptr);
   // Lets the main loop finish with the requests' remains, then restores the previous default.
   ~TransportInstallation();
   TransportInstallation(const TransportInstallation&) = delete;
@@ -28,6 +30,7 @@ class TransportInstallation {
 
  private:
   std::shared_ptr<kestrel::net::ITransport> transport_;
+  std::unique_ptr<RequestLog> log_;
   NetworkDiagnostics diagnostics_;
   kestrel::net::ITransport* previous_;
   FailureClassifier classifier_;

@@ -10,6 +10,7 @@ quire_add_test(quire_cli_test
     ${CMAKE_CURRENT_LIST_DIR}/mapped_file_test.cpp
     ${CMAKE_CURRENT_LIST_DIR}/progress_bar_test.cpp
     ${CMAKE_CURRENT_LIST_DIR}/progress_connection_test.cpp
+    ${CMAKE_CURRENT_LIST_DIR}/settings_test.cpp
     ${CMAKE_CURRENT_LIST_DIR}/token_source_test.cpp
     ${CMAKE_CURRENT_LIST_DIR}/upload_state_test.cpp
   LIBS quire_cli_core quire_test_support)
@@ -20,11 +21,14 @@ if(TARGET quire-server AND TARGET quire_cli)
     SOURCES
       ${CMAKE_CURRENT_LIST_DIR}/cli_download_test.cpp
       ${CMAKE_CURRENT_LIST_DIR}/cli_end_to_end_test.cpp
+      ${CMAKE_CURRENT_LIST_DIR}/cli_settings_end_to_end_test.cpp
       ${CMAKE_CURRENT_LIST_DIR}/process_runner.cpp
     LIBS quire_cli_core quire_server_test_support)
   target_compile_definitions(quire_cli_end_to_end_test PRIVATE
     QUIRE_BINARY="$<TARGET_FILE:quire_cli>"
-    QUIRE_SERVER_BINARY="$<TARGET_FILE:quire-server>")
+    QUIRE_SERVER_BINARY="$<TARGET_FILE:quire-server>"
+    QUIRE_COMPLETION_SCRIPT="${PROJECT_SOURCE_DIR}/tools/quire/completion/quire.bash"
+    QUIRE_COMPLETION_CHECK="${CMAKE_CURRENT_LIST_DIR}/completion_check.sh")
   add_dependencies(quire_cli_end_to_end_test quire_cli quire-server)
 
   # The quire program behind a real proxy (tinyproxy).
@@ -38,4 +42,12 @@ if(TARGET quire-server AND TARGET quire_cli)
     QUIRE_BINARY="$<TARGET_FILE:quire_cli>"
     QUIRE_SERVER_BINARY="$<TARGET_FILE:quire-server>")
   add_dependencies(quire_cli_proxy_test quire_cli quire-server)
+endif()
+
+# The bash completion without a service: commands, options, files and profiles.
+if(TARGET quire_cli)
+  add_test(NAME quire_completion
+    COMMAND bash ${CMAKE_CURRENT_LIST_DIR}/completion_check.sh
+      ${PROJECT_SOURCE_DIR}/tools/quire/completion/quire.bash $<TARGET_FILE:quire_cli>)
+  set_tests_properties(quire_completion PROPERTIES TIMEOUT 120)
 endif()
