@@ -284,9 +284,13 @@ void CommandLine::Dispatch(CLI::App* app) {
                      "arguments); set QUIRE_TOKEN or write the token into a file for --token-file");
   }
   // Every global option named like a profile key (--server, --timeout, ...) overrides it.
-  EffectiveSettings::Inputs inputs{
-      {}, profile_, host_->profile_variable, host_->token_variable, host_->config_path,
-      host_->proxy_variables.https_proxy.toStdString(), host_->proxy_variables.https_origin};
+  EffectiveSettings::Inputs inputs{{},
+                                   profile_,
+                                   host_->profile_variable,
+                                   host_->token_variable,
+                                   host_->config_path,
+                                   host_->proxy_variables.https_proxy.toStdString(),
+                                   host_->proxy_variables.https_origin};
   for (const std::string& key : EffectiveSettings::Keys()) {
     const CLI::Option* option = app->get_option_no_throw("--" + key);
     if (key != "token" && option != nullptr && option->count() > 0) {
