@@ -3,6 +3,8 @@
 #include <chrono>
 #include <deque>
 #include <map>
+#include <unordered_map>
+#include <utility>
 
 namespace kestrel {
 namespace {
@@ -25,7 +27,12 @@ struct MainLoop::State {
   mutable std::mutex mutex;
   std::condition_variable wake;
   std::deque<Job> ready;
-  std::multimap<long long, Job> delayed;  // due time (steady ns) -> job, in posting order per time
+  // (due time in steady ns, sequence number) -> job: in due order, and in posting order per time.
+  std::map<std::pair<long long, std::uint64_t>, Job> delayed;
+  // Sequence number -> due time, for the jobs queued with PostTimer() that CancelTimer() may take
+  // back.
+  std::unordered_map<std::uint64_t, long long> timers;
+  std::uint64_t next_sequence = 1;
   int quit_requests = 0;
 };
 
@@ -49,9 +56,39 @@ void MainLoop::Post(Job job) {
 void MainLoop::PostDelayed(double delay_seconds, Job job) {
   {
     std::lock_guard<std::mutex> lock(state_->mutex);
-    state_->delayed.emplace(NowNs() + SecondsToNs(delay_seconds), std::move(job));
+    const std::uint64_t sequence = state_->next_sequence++;
+    state_->delayed.emplace(std::make_pair(NowNs() + SecondsToNs(delay_seconds), sequence),
+                            std::move(job));
   }
   state_->wake.notify_all();
+}
+
+MainLoop::TimerId MainLoop::PostTimer(double delay_seconds, Job job) {
+  TimerId id;
+  {
+    std::lock_guard<std::mutex> lock(state_->mutex);
+    id = state_->next_sequence++;
+    const long long due = NowNs() + SecondsToNs(delay_seconds);
+    state_->delayed.emplace(std::make_pair(due, id), std::move(job));
+    state_->timers.emplace(id, due);
+  }
+  state_->wake.notify_all();
+  return id;
+}
+
+bool MainLoop::CancelTimer(TimerId id) {
+  Job job;
+  {
+    std::lock_guard<std::mutex> lock(state_->mutex);
+    auto timer = state_->timers.find(id);
+    if (timer == state_->timers.end()) return false;
+    auto queued = state_->delayed.find(std::make_pair(timer->second, id));
+    state_->timers.erase(timer);
+    if (queued == state_->delayed.end()) return false;
+    job = std::move(queued->second);
+    state_->delayed.erase(queued);
+  }
+  return true;  // `job` is destroyed here, outside the lock
 }
 
 void MainLoop::Quit() {
@@ -76,8 +113,9 @@ bool MainLoop::TakeNext(Job* job, long long deadline_ns, bool wait) {
     }
     const long long now = NowNs();
     // Timers that fell due join the ready queue in due order.
-    while (!state_->delayed.empty() && state_->delayed.begin()->first <= now) {
+    while (!state_->delayed.empty() && state_->delayed.begin()->first.first <= now) {
       state_->ready.push_back(std::move(state_->delayed.begin()->second));
+      state_->timers.erase(state_->delayed.begin()->first.second);
       state_->delayed.erase(state_->delayed.begin());
     }
     if (!state_->ready.empty()) {
@@ -87,8 +125,8 @@ bool MainLoop::TakeNext(Job* job, long long deadline_ns, bool wait) {
     }
     if (!wait || now >= deadline_ns) return false;
     long long until = deadline_ns;
-    if (!state_->delayed.empty() && state_->delayed.begin()->first < until) {
-      until = state_->delayed.begin()->first;
+    if (!state_->delayed.empty() && state_->delayed.begin()->first.first < until) {
+      until = state_->delayed.begin()->first.first;
     }
     state_->wake.wait_for(lock, std::chrono::nanoseconds(until - now));
   }

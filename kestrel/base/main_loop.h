@@ -6,6 +6,7 @@
 
 #include <condition_variable>
 #include <cstddef>
+#include <cstdint>
 #include <functional>
 #include <mutex>
 
@@ -44,6 +45,18 @@ class KESTREL_EXPORT MainLoop {
   /// Queues `job` to run once `delay_seconds` have passed (at once, in turn, when it is 0 or
   /// less). Safe from any thread.
   void PostDelayed(double delay_seconds, Job job);
+
+  /// Identifies a job queued with PostTimer(); never 0.
+  using TimerId = std::uint64_t;
+  /// Like PostDelayed(), and returns an id with which CancelTimer() can take the job back before it
+  /// runs (backoff waits use it, so that a cancelled wait leaves nothing behind). Safe from any
+  /// thread.
+  TimerId PostTimer(double delay_seconds, Job job);
+  /// Takes back the job that PostTimer() queued under `id` and destroys it without running it.
+  /// Returns false, doing nothing, when the job has already been taken to run (or already ran, or
+  /// was cancelled, or `id` is unknown). The job is destroyed outside the loop's lock, so its
+  /// destructor may post. Safe from any thread.
+  bool CancelTimer(TimerId id);
 
   /// Runs jobs on the calling thread until `done()` is true, `timeout_seconds` pass or Quit() is
   /// called; `done` is checked before every job. Returns the last value of `done()`, so false

@@ -24,5 +24,11 @@ NetworkRequest* ConnectionManager::StartRequest(ServerInfo& server, NetworkReque
   return request;
 }
 
+void ConnectionManager::CancelRequest(NetworkRequest* request) {
+  if (request == nullptr || request->completed() || request->cancelled()) return;
+  request->MarkCancelled();
+  transport_->Cancel(request);
+}
+
 }  // namespace net
 }  // namespace kestrel

@@ -42,6 +42,15 @@ class KESTREL_EXPORT ConnectionManager {
   /// deleted still complete.
   virtual NetworkRequest* StartRequest(ServerInfo& server, NetworkRequest::Info& info);
 
+  /// Cancels `request`, one that this manager's StartRequest() returned and whose pointer the
+  /// caller still holds a reference to: the request is marked cancelled and its transport stops
+  /// the transfer (ITransport::Cancel(); the built-in transport takes it off the wire and frees its
+  /// memory within 100 ms). Its callback is still called exactly once, later, on the main loop's
+  /// thread, never inside this call, with status::kErrorCancelled and no response (no body, no
+  /// header lines), also when the answer had already arrived but not yet been reported. Does
+  /// nothing for null or for a request that has already completed. Main loop's thread only.
+  virtual void CancelRequest(NetworkRequest* request);
+
   /// The options given at construction, which every request of this manager carries.
   const ConnectionOptions& options() const { return options_; }
   /// The transport this manager sends through (borrowed).

@@ -45,6 +45,11 @@ constexpr int kPollMilliseconds = 1000;
 // usually arrives, and each such request is spared waking a sleeping thread.
 constexpr std::chrono::microseconds kSpin(50);
 
+// Progress is reported whenever this many more bytes have moved, or kProgressInterval has passed
+// with bytes moving (and never while a report of the same request waits in the main loop).
+constexpr curl_off_t kProgressBytes = 256 * 1024;
+constexpr std::chrono::milliseconds kProgressInterval(100);
+
 // Bodies announced at least this large get their storage from the transport's recycled blocks.
 constexpr std::size_t kMinRecycledBytes = std::size_t{1} << 20;
 // Released body storage kept for reuse: at most this many blocks and bytes, for at most this long.
@@ -209,6 +214,7 @@ struct Transfer {
   const char* body = nullptr;
   std::size_t body_size = 0;
   std::size_t body_offset = 0;
+  bool report_progress = false;
 
   // I/O thread only.
   CURL* easy = nullptr;
@@ -226,6 +232,12 @@ struct Transfer {
   QString last_line;
   ByteBuffer* buffer = nullptr;
   BodyStorage* storage = nullptr;  // the transport's recycled body storage
+  // Progress: the figures and time of the last report handed to the request.
+  curl_off_t sent = 0;
+  curl_off_t received = 0;
+  curl_off_t to_receive = -1;
+  curl_off_t reported_bytes = 0;
+  std::chrono::steady_clock::time_point reported_at;
 };
 
 void FreeTransfer(Transfer* transfer) {
@@ -240,6 +252,42 @@ void PostCompletion(NetworkRequest* request) {
     request->Complete();
     NetworkRequest::ReleaseRef(request);
   });
+}
+
+// Hands the transfer's newest figures to its request and, unless a report is already waiting,
+// queues one on the main loop. The job holds a reference, so the request outlives it.
+void ReportProgress(Transfer* transfer) {
+  TransferProgress progress;
+  progress.bytes_sent = transfer->sent;
+  progress.bytes_to_send = static_cast<std::int64_t>(transfer->body_size);
+  progress.bytes_received = transfer->received;
+  progress.bytes_to_receive = transfer->to_receive;
+  transfer->reported_bytes = transfer->sent + transfer->received;
+  transfer->reported_at = std::chrono::steady_clock::now();
+  NetworkRequest* request = transfer->request;
+  if (!request->UpdateProgress(progress)) return;
+  NetworkRequest::AddRef(request);
+  MainLoop::Default()->Post([request] {
+    request->DeliverProgress();
+    NetworkRequest::ReleaseRef(request);
+  });
+}
+
+// libcurl's progress callback: reports when 256 KiB more have moved or 100 ms have passed with
+// bytes moving.
+int OnTransferInfo(void* user, curl_off_t download_total, curl_off_t download_now,
+                   curl_off_t /*upload_total*/, curl_off_t upload_now) {
+  auto* transfer = static_cast<Transfer*>(user);
+  transfer->sent = upload_now;
+  transfer->received = download_now;
+  transfer->to_receive = download_total > 0 ? download_total : transfer->content_length;
+  const curl_off_t moved = upload_now + download_now - transfer->reported_bytes;
+  if (moved <= 0) return 0;
+  if (moved >= kProgressBytes ||
+      std::chrono::steady_clock::now() - transfer->reported_at >= kProgressInterval) {
+    ReportProgress(transfer);
+  }
+  return 0;
 }
 
 bool IsSpace(char c) { return c == ' ' || c == '\t'; }
@@ -479,6 +527,7 @@ struct CurlTransport::Impl {
   // --- Shared between the main thread and the I/O thread (under `mutex`).
   std::mutex mutex;
   std::vector<Transfer*> queue;
+  std::vector<NetworkRequest*> cancels;  // each holds a reference, dropped by the I/O thread
   bool stopping = false;
   std::atomic<bool> queued{false};    // `queue` may be non-empty
   std::atomic<bool> sleeping{false};  // the I/O thread is (about to be) blocked in curl_multi_poll
@@ -505,6 +554,7 @@ struct CurlTransport::Impl {
 
   void EnsureStarted();
   void Enqueue(Transfer* transfer);
+  void Cancel(NetworkRequest* request);
   void Stop();
 
   void Run();
@@ -516,6 +566,8 @@ struct CurlTransport::Impl {
   bool Spin();
   // Finishes the transfers libcurl reports done; true when there was one.
   bool Reap();
+  // Takes the cancelled requests off the wire; drops the references that Cancel() took.
+  void Drop(const std::vector<NetworkRequest*>& cancelled);
   void Finish(Transfer* transfer, std::uint32_t code);
 };
 
@@ -546,6 +598,30 @@ void CurlTransport::Impl::Enqueue(Transfer* transfer) {
   if (sleeping.load(std::memory_order_seq_cst)) curl_multi_wakeup(multi);
 }
 
+void CurlTransport::Impl::Cancel(NetworkRequest* request) {
+  if (!started) return;  // nothing was ever queued, so the request is not ours
+  NetworkRequest::AddRef(request);
+  {
+    std::lock_guard<std::mutex> lock(mutex);
+    cancels.push_back(request);
+    queued.store(true, std::memory_order_release);
+  }
+  if (sleeping.load(std::memory_order_seq_cst)) curl_multi_wakeup(multi);
+}
+
+void CurlTransport::Impl::Drop(const std::vector<NetworkRequest*>& cancelled) {
+  for (NetworkRequest* request : cancelled) {
+    for (Transfer* transfer = active; transfer != nullptr; transfer = transfer->next) {
+      if (transfer->request == request) {
+        Finish(transfer, status::kErrorCancelled);
+        break;
+      }
+    }
+    // A request not found has already been handed to the main loop; it completes as cancelled.
+    NetworkRequest::ReleaseRef(request);
+  }
+}
+
 void CurlTransport::Impl::Stop() {
   if (!started) return;
   {
@@ -561,21 +637,27 @@ void CurlTransport::Impl::Stop() {
 
 void CurlTransport::Impl::Run() {
   std::vector<Transfer*> incoming;
+  std::vector<NetworkRequest*> cancelled;
   for (;;) {
     bool stop;
     {
       std::lock_guard<std::mutex> lock(mutex);
       incoming.swap(queue);
+      cancelled.swap(cancels);
       queued.store(false, std::memory_order_relaxed);
       stop = stopping;
     }
     if (stop) {
       for (Transfer* transfer : incoming) Finish(transfer, status::kErrorUnknown);
+      for (NetworkRequest* request : cancelled) NetworkRequest::ReleaseRef(request);
       break;
     }
-    const bool added = !incoming.empty();
+    const bool added = !incoming.empty() || !cancelled.empty();
     for (Transfer* transfer : incoming) Add(transfer);
     incoming.clear();
+    // After the new transfers joined, so that a request cancelled right after its start is found.
+    Drop(cancelled);
+    cancelled.clear();
     UpdateConnectionCache();
     int running = 0;
     curl_multi_perform(multi, &running);
@@ -661,6 +743,12 @@ void CurlTransport::Impl::SetUpHandle(Transfer* transfer, CURL* easy) {
   curl_easy_setopt(easy, CURLOPT_HEADERDATA, transfer);
   curl_easy_setopt(easy, CURLOPT_WRITEFUNCTION, &OnBodyBytes);
   curl_easy_setopt(easy, CURLOPT_WRITEDATA, transfer);
+  if (transfer->report_progress) {
+    transfer->reported_at = std::chrono::steady_clock::now();
+    curl_easy_setopt(easy, CURLOPT_XFERINFOFUNCTION, &OnTransferInfo);
+    curl_easy_setopt(easy, CURLOPT_XFERINFODATA, transfer);
+    curl_easy_setopt(easy, CURLOPT_NOPROGRESS, 0L);
+  }
 
   // TLS.
   const long verify = settings.insecure ? 0L : 1L;
@@ -780,6 +868,16 @@ void CurlTransport::Impl::Finish(Transfer* transfer, std::uint32_t code) {
   HttpRequest* http = transfer->http;
   http->SetResponseStatus(code);
   FlushLastLine(transfer);
+  if (transfer->report_progress && code != status::kErrorCancelled && easy != nullptr) {
+    // The last figures, unless they were already reported; queued ahead of the completion.
+    curl_off_t sent = 0;
+    curl_off_t received = 0;
+    curl_easy_getinfo(easy, CURLINFO_SIZE_UPLOAD_T, &sent);
+    curl_easy_getinfo(easy, CURLINFO_SIZE_DOWNLOAD_T, &received);
+    transfer->sent = sent;
+    transfer->received = received;
+    if (sent + received != transfer->reported_bytes) ReportProgress(transfer);
+  }
   // From here on the request belongs to the main loop; the handle is recycled meanwhile.
   PostCompletion(transfer->request);
   if (easy != nullptr) {
@@ -865,6 +963,7 @@ void CurlTransport::Start(NetworkRequest* request, const ServerInfo& server,
   transfer->method = http->method();
   transfer->keep_headers = request->keep_response_headers();
   transfer->send_user_agent = request->default_headers() != NetworkRequest::Info::kNoDefaultHeaders;
+  transfer->report_progress = request->report_progress();
 
   bool valid = server.valid();
   if (valid) {
@@ -909,6 +1008,8 @@ void CurlTransport::Start(NetworkRequest* request, const ServerInfo& server,
   }
   impl_->Enqueue(transfer);
 }
+
+void CurlTransport::Cancel(NetworkRequest* request) { impl_->Cancel(request); }
 
 std::size_t CurlTransport::in_flight() const {
   return impl_->in_flight.load(std::memory_order_acquire);

@@ -41,6 +41,11 @@ namespace net {
 /// not map and clear again. A failure without a complete HTTP answer gives one of the
 /// `status::kError...` codes, and whatever header lines and body bytes had arrived stay in place.
 ///
+/// Progress: a request described with NetworkRequest::Info::report_progress hears of its transfer
+/// (NetworkRequest::Callback::OnRequestProgress()) whenever 256 KiB more have moved or 100 ms have
+/// passed with bytes moving, at most one report waiting in the main loop at a time, and once more
+/// with the final figures just before it completes.
+///
 /// How ConnectionOptions apply (libcurl's connection cache is shared by every request of the
 /// transport; its limits follow the options of the most recent request):
 /// - max_connections_per_host: at most this many connections to one host and port; further requests
@@ -81,6 +86,13 @@ class KESTREL_EXPORT CurlTransport : public ITransport {
   /// Call it on the main loop's thread.
   void Start(NetworkRequest* request, const ServerInfo& server,
              const ConnectionOptions& options) override;
+
+  /// Takes the request off the wire: the I/O thread, woken at once, removes its transfer from
+  /// libcurl (closing the connection when bytes were moving), frees the transfer's memory and
+  /// posts the completion, which carries status::kErrorCancelled. A request whose completion was
+  /// already on its way completes as cancelled all the same. Main loop's thread; see
+  /// ITransport::Cancel() and ConnectionManager::CancelRequest().
+  void Cancel(NetworkRequest* request) override;
 
   /// Requests started whose completion has not yet been handed to the main loop. Any thread.
   std::size_t in_flight() const;

@@ -5,5 +5,7 @@ namespace net {
 
 ITransport::~ITransport() = default;
 
+void ITransport::Cancel(NetworkRequest* /*request*/) {}
+
 }  // namespace net
 }  // namespace kestrel

@@ -34,6 +34,15 @@ class KESTREL_EXPORT ITransport {
   /// `server` and `options` are only valid during the call. Called on the main loop's thread.
   virtual void Start(NetworkRequest* request, const ServerInfo& server,
                      const ConnectionOptions& options) = 0;
+
+  /// Stops `request`, which Start() received and which has been marked cancelled
+  /// (NetworkRequest::MarkCancelled()) but has not completed. Called on the main loop's thread. An
+  /// implementation stops the transfer (closing its connection if bytes were moving), frees what
+  /// it holds for it, and completes it as Start() says, later, from the main loop, soon (within
+  /// 100 ms); the completion then carries status::kErrorCancelled whatever the implementation
+  /// sets. The default does nothing, so the transfer runs to its end and only then completes
+  /// (still as cancelled): a host transport that cannot stop a transfer need not override it.
+  virtual void Cancel(NetworkRequest* request);
 };
 
 }  // namespace net

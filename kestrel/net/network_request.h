@@ -5,6 +5,8 @@
 
 #include <QByteArray>
 #include <QString>
+#include <atomic>
+#include <cstdint>
 
 #include "kestrel/base/kestrel_export.h"
 #include "kestrel/base/memory_manager.h"
@@ -13,6 +15,19 @@
 
 namespace kestrel {
 namespace net {
+
+/// How far the transfer of one request has got, in bytes. A total is -1 while it is not known
+/// (a body to send is always known; an answer's length is known once its Content-Length arrived).
+struct TransferProgress {
+  /// Request body bytes handed to the connection so far.
+  std::int64_t bytes_sent = 0;
+  /// The request body's length.
+  std::int64_t bytes_to_send = 0;
+  /// Response body bytes received so far.
+  std::int64_t bytes_received = 0;
+  /// The response body's announced length, or -1.
+  std::int64_t bytes_to_receive = -1;
+};
 
 /// One request in the network layer: a counted object that owns its HTTP exchange and reports its
 /// completion to a callback object.
@@ -41,6 +56,13 @@ class KESTREL_EXPORT NetworkRequest {
     /// The request and its response (body buffer, header lines) stay valid during the call; a
     /// callback that needs them later takes a reference (AddRef()).
     virtual void OnRequestComplete(NetworkRequest* request) = 0;
+    /// Called on the main loop's thread while the transfer moves, only for a request described with
+    /// Info::report_progress set, and never after OnRequestComplete(); `request->progress()` holds
+    /// the figures. Transports report at least whenever 256 KiB more have moved or 100 ms have
+    /// passed with bytes moving, but never queue a second report of one request while the first
+    /// waits in the main loop (the waiting one then carries the newest figures), so a slow main
+    /// loop is never flooded. The default does nothing.
+    virtual void OnRequestProgress(NetworkRequest* request);
   };
 
   /// The description of one request, as a caller hands it to ConnectionManager::StartRequest().
@@ -80,6 +102,9 @@ class KESTREL_EXPORT NetworkRequest {
     void* user_data;
     /// Which standard lines the network layer adds.
     DefaultHeaders default_headers;
+    /// Whether the callback hears of the transfer's progress (Callback::OnRequestProgress()).
+    /// False unless set after construction.
+    bool report_progress = false;
   };
 
   /// Takes the request description from `info`: the body is shared, not copied, and the header
@@ -100,12 +125,34 @@ class KESTREL_EXPORT NetworkRequest {
   Info::DefaultHeaders default_headers() const { return default_headers_; }
   /// Whether Complete() has been called.
   bool completed() const { return completed_; }
+  /// Whether the request was cancelled (MarkCancelled()).
+  bool cancelled() const { return cancelled_; }
+  /// Whether the callback hears of progress (Info::report_progress).
+  bool report_progress() const { return report_progress_; }
+  /// The latest figures of the transfer. Main loop's thread; valid during
+  /// Callback::OnRequestProgress() and after completion.
+  const TransferProgress& progress() const { return progress_; }
   /// The reference count, for kestrel::TestThenAdd().
   volatile long* ref_count() { return &ref_count_; }
 
   /// Reports completion to the callback: once; later calls do nothing. Transports call it on the
-  /// main loop's thread, after the response is in place.
+  /// main loop's thread, after the response is in place. A cancelled request completes with
+  /// status::kErrorCancelled and without any response (no body, no header lines), whatever the
+  /// transport had received.
   void Complete();
+
+  /// Marks the request cancelled, so that it completes with status::kErrorCancelled. Main loop's
+  /// thread; ConnectionManager::CancelRequest() calls it before it tells the transport. Does
+  /// nothing after completion.
+  void MarkCancelled();
+  /// For transports, any thread: stores the newest figures of the transfer. Returns true when the
+  /// caller must queue a job on the main loop that calls DeliverProgress() (no delivery is waiting
+  /// yet); false when one is already waiting, which will carry these figures.
+  bool UpdateProgress(const TransferProgress& progress);
+  /// For transports, on the main loop's thread: takes the newest figures into progress() and tells
+  /// the callback (Callback::OnRequestProgress()), unless the request did not ask for progress, has
+  /// completed or was cancelled.
+  void DeliverProgress();
 
   /// Takes a reference (see the class description). Safe from any thread.
   static void AddRef(NetworkRequest* request);
@@ -128,6 +175,14 @@ class KESTREL_EXPORT NetworkRequest {
   bool keep_response_headers_;
   Info::DefaultHeaders default_headers_;
   bool completed_ = false;
+  bool cancelled_ = false;
+  bool report_progress_ = false;
+  TransferProgress progress_;
+  std::atomic<bool> progress_queued_{false};
+  std::atomic<std::int64_t> newest_sent_{0};
+  std::atomic<std::int64_t> newest_to_send_{0};
+  std::atomic<std::int64_t> newest_received_{0};
+  std::atomic<std::int64_t> newest_to_receive_{-1};
 };
 
 }  // namespace net

@@ -47,6 +47,9 @@ constexpr std::uint32_t kErrorInvalidRequest = 0xC0010007u;
 constexpr std::uint32_t kErrorNoTransport = 0xC0010008u;
 /// Sending the request failed.
 constexpr std::uint32_t kErrorSendFailed = 0xC0010009u;
+/// The request was cancelled (ConnectionManager::CancelRequest()): the transfer was stopped, and
+/// nothing of its answer is kept.
+constexpr std::uint32_t kErrorCancelled = 0xC001000Au;
 ///@}
 
 }  // namespace status

@@ -26,6 +26,8 @@ void ScriptedTransport::SetResponder(Responder responder) { responder_ = std::mo
 
 std::size_t ScriptedTransport::completed() const { return shared_->completed; }
 
+std::size_t ScriptedTransport::cancelled() const { return shared_->cancelled; }
+
 const char* ScriptedTransport::last_response_data() const { return shared_->last_response_data; }
 
 void ScriptedTransport::Start(NetworkRequest* request, const ServerInfo& server,
@@ -63,8 +65,35 @@ void ScriptedTransport::Start(NetworkRequest* request, const ServerInfo& server,
   if (record_requests_) requests_.push_back(std::move(seen));
 
   std::shared_ptr<Shared> shared = shared_;
+  Shared::Pending& entry = shared->pending[request];
+  const std::uint64_t serial = shared->next_serial++;
+  entry.serial = serial;
+  std::vector<std::uint64_t>& timers = entry.timers;
+  if (request->report_progress()) {
+    for (const auto& step : answer.progress) {
+      const TransferProgress figures = step.second;
+      timers.push_back(
+          MainLoop::Default()->PostTimer(step.first, [request, shared, serial, figures] {
+            auto entry = shared->pending.find(request);
+            if (entry == shared->pending.end() || entry->second.serial != serial) return;  // over
+            if (request->UpdateProgress(figures)) request->DeliverProgress();
+          }));
+    }
+  }
   const double delay_seconds = answer.delay_seconds;
-  auto complete = [request, shared, answer = std::move(answer)] {
+  const auto sent = static_cast<std::int64_t>(http->body().size());
+  auto complete = [request, shared, serial, sent, answer = std::move(answer)] {
+    auto entry = shared->pending.find(request);
+    if (entry == shared->pending.end() || entry->second.serial != serial) return;  // cancelled
+    shared->pending.erase(entry);
+    if (request->report_progress()) {
+      TransferProgress last;
+      last.bytes_sent = sent;
+      last.bytes_to_send = sent;
+      last.bytes_received = answer.has_body ? answer.body.size() : 0;
+      last.bytes_to_receive = last.bytes_received;
+      if (request->UpdateProgress(last)) request->DeliverProgress();
+    }
     HttpRequest* response = request->GetHttpRequest();
     response->SetResponseStatus(answer.code);
     if (answer.has_body) {
@@ -82,10 +111,26 @@ void ScriptedTransport::Start(NetworkRequest* request, const ServerInfo& server,
     NetworkRequest::ReleaseRef(request);
   };
   if (delay_seconds > 0) {
-    MainLoop::Default()->PostDelayed(delay_seconds, std::move(complete));
+    timers.push_back(MainLoop::Default()->PostTimer(delay_seconds, std::move(complete)));
   } else {
     MainLoop::Default()->Post(std::move(complete));
   }
+}
+
+void ScriptedTransport::Cancel(NetworkRequest* request) {
+  auto pending = shared_->pending.find(request);
+  if (pending == shared_->pending.end()) return;
+  // Whatever has not run yet is taken back, so the request's memory goes with the completion below.
+  for (std::uint64_t timer : pending->second.timers) MainLoop::Default()->CancelTimer(timer);
+  shared_->pending.erase(pending);
+  std::shared_ptr<Shared> shared = shared_;
+  MainLoop::Default()->Post([request, shared] {
+    shared->last_response_data = nullptr;
+    ++shared->completed;
+    ++shared->cancelled;
+    request->Complete();
+    NetworkRequest::ReleaseRef(request);
+  });
 }
 
 }  // namespace net

@@ -8,7 +8,9 @@
 #include <cstdint>
 #include <deque>
 #include <functional>
+#include <map>
 #include <memory>
+#include <utility>
 #include <vector>
 
 #include "kestrel/base/kestrel_export.h"
@@ -39,6 +41,11 @@ class KESTREL_EXPORT ScriptedTransport : public ITransport {
     std::vector<QString> headers;
     /// Completion comes after this long (0: on the next turn of the main loop).
     double delay_seconds = 0;
+    /// Progress reports delivered before the completion, to a request that asked for progress:
+    /// each is given after its `first` seconds (figures as given in `second`). Whatever the list,
+    /// such a request hears one last report (everything sent, the whole body received) just before
+    /// it completes.
+    std::vector<std::pair<double, TransferProgress>> progress;
   };
 
   /// One request as the transport received it.
@@ -108,14 +115,28 @@ class KESTREL_EXPORT ScriptedTransport : public ITransport {
   /// null when it had none.
   const char* last_response_data() const;
 
+  /// The number of requests that Cancel() dropped.
+  std::size_t cancelled() const;
+
   /// Records the request and schedules its answer on the main loop (see ITransport::Start()).
   void Start(NetworkRequest* request, const ServerInfo& server,
              const ConnectionOptions& options) override;
+  /// Drops the request's scheduled answer and progress reports and completes it on the next turn
+  /// of the main loop (as cancelled). The answer it had taken from the queue is not used again.
+  void Cancel(NetworkRequest* request) override;
 
  private:
   struct Shared {
     std::size_t completed = 0;
+    std::size_t cancelled = 0;
     const char* last_response_data = nullptr;
+    struct Pending {
+      std::uint64_t serial = 0;           // tells a request from a later one at the same address
+      std::vector<std::uint64_t> timers;  // its main-loop timers
+    };
+    // Every request not yet completed nor cancelled.
+    std::map<NetworkRequest*, Pending> pending;
+    std::uint64_t next_serial = 1;
   };
 
   std::deque<Answer> answers_;

@@ -38,6 +38,25 @@ std::int32_t ConvertStatus(std::uint32_t code) {
   return kStatusFailure;
 }
 
+class ConnectionCallback;
+
+}  // namespace
+
+// The requests of a connection that have not completed, linked through their adaptors, so that
+// Abort() finds them. Shared by the connection and its adaptors (main thread only): whichever goes
+// last frees it, since adaptors may outlive their connection.
+struct Connection::InFlight {
+  long references = 1;
+  ConnectionCallback* first = nullptr;
+  kestrel::net::ConnectionManager* manager = nullptr;  // the connection's, null once it is gone
+
+  static void Drop(InFlight* list) {
+    if (--list->references == 0) doDelete(list);
+  }
+};
+
+namespace {
+
 // Travels with one request through the network layer; calls the caller's callback once on
 // completion and then deletes itself.
 class ConnectionCallback : public NetworkRequest::Callback {
@@ -54,9 +73,29 @@ class ConnectionCallback : public NetworkRequest::Callback {
         job_executor_(job_executor) {}
 
   ~ConnectionCallback() override {
+    Unlink();
     if (request_handle_ != nullptr) DropReference(request_handle_);
     doDelete(response_headers_);
   }
+
+  // The completion also receives the network layer's code; and progress is passed on.
+  void SetTransferCallbacks(TransferCallback callback, ProgressCallback progress) {
+    transfer_callback_ = std::move(callback);
+    progress_ = std::move(progress);
+  }
+
+  // Joins the connection's list of requests in flight.
+  void Link(Connection::InFlight* list) {
+    list_ = list;
+    ++list->references;
+    next_ = list->first;
+    if (next_ != nullptr) next_->prev_ = this;
+    list->first = this;
+  }
+
+  std::uint32_t request_id() const { return request_id_; }
+  ConnectionCallback* next() const { return next_; }
+  NetworkRequest* request_handle() const { return request_handle_; }
 
   // Holds a reference on `request` (the manager's result) in place of any earlier one.
   void SetRequestHandle(NetworkRequest* request) {
@@ -68,7 +107,13 @@ class ConnectionCallback : public NetworkRequest::Callback {
 
   IJobExecutor* job_executor() const { return job_executor_; }
 
+  void OnRequestProgress(NetworkRequest* request) override {
+    if (progress_) progress_(request_id_, request->progress());
+  }
+
   void OnRequestComplete(NetworkRequest* request) override {
+    // Completed requests are no longer Abort()'s business.
+    Unlink();
     const kestrel::net::HttpRequest* http = request->GetHttpRequest();
     const std::int32_t status = ConvertStatus(http->GetResponseStatus());
 
@@ -86,12 +131,32 @@ class ConnectionCallback : public NetworkRequest::Callback {
       for (int i = 0; i < count; ++i) response_headers_->push_back(*http->GetResponseHeader(i));
     }
 
-    if (!callback_) std::abort();  // an empty callback is a programming error
-    callback_(NetworkResponseInfo{request_id_, status, response_headers_}, body);
+    const NetworkResponseInfo info{request_id_, status, response_headers_};
+    if (transfer_callback_) {
+      transfer_callback_(info, body, http->GetResponseStatus());
+    } else {
+      if (!callback_) std::abort();  // an empty callback is a programming error
+      callback_(info, body);
+    }
     delete this;
   }
 
  private:
+  void Unlink() {
+    if (list_ == nullptr) return;
+    if (prev_ != nullptr) prev_->next_ = next_;
+    if (next_ != nullptr) next_->prev_ = prev_;
+    if (list_->first == this) list_->first = next_;
+    prev_ = next_ = nullptr;
+    Connection::InFlight::Drop(list_);
+    list_ = nullptr;
+  }
+
+  TransferCallback transfer_callback_;
+  ProgressCallback progress_;
+  Connection::InFlight* list_ = nullptr;
+  ConnectionCallback* prev_ = nullptr;
+  ConnectionCallback* next_ = nullptr;
   ResponseCallback callback_;
   std::uint32_t request_id_;
   bool collect_response_headers_;
@@ -106,9 +171,14 @@ Connection::Connection()
     : connection_manager_(nullptr),
       fixed_headers_(MMAlloc<kestrel::net::RequestHeader>(nullptr)),
       next_request_id_(1),
-      job_executor_(doNew<MainThreadJobExecutor>()) {}
+      job_executor_(doNew<MainThreadJobExecutor>()),
+      in_flight_(nullptr) {}
 
 Connection::~Connection() {
+  if (in_flight_ != nullptr) {
+    in_flight_->manager = nullptr;
+    InFlight::Drop(in_flight_);
+  }
   doDelete(job_executor_);
   kestrel::net::RequestHeaderList().swap(fixed_headers_);
   doDelete(connection_manager_);
@@ -122,6 +192,7 @@ void Connection::Init(const std::vector<QString>& headers) {
     doDelete(connection_manager_);
     connection_manager_ = manager;
   }
+  if (in_flight_ != nullptr) in_flight_->manager = connection_manager_;
   fixed_headers_.reserve(fixed_headers_.size() + headers.size());
   for (const QString& line : headers) fixed_headers_.push_back(GetNetHeaderFromString(line));
 }
@@ -152,6 +223,28 @@ unsigned int Connection::ComputeRequestId(unsigned int requested) {
 }
 
 unsigned int Connection::Request(const ConnectionParams& params, ResponseCallback callback) {
+  return Issue(params, std::move(callback), TransferCallback(), ProgressCallback());
+}
+
+unsigned int Connection::StartTransfer(const ConnectionParams& params, TransferCallback callback,
+                                       ProgressCallback progress) {
+  if (!callback) std::abort();  // an empty callback is a programming error
+  return Issue(params, ResponseCallback(), std::move(callback), std::move(progress));
+}
+
+void Connection::Abort(unsigned int request_id) {
+  if (in_flight_ == nullptr || in_flight_->manager == nullptr) return;
+  // Cancelling never completes a request inside the call, so the list stays as it is meanwhile.
+  for (ConnectionCallback* adaptor = in_flight_->first; adaptor != nullptr;
+       adaptor = adaptor->next()) {
+    if (adaptor->request_id() == request_id) {
+      in_flight_->manager->CancelRequest(adaptor->request_handle());
+    }
+  }
+}
+
+unsigned int Connection::Issue(const ConnectionParams& params, ResponseCallback callback,
+                               TransferCallback transfer_callback, ProgressCallback progress) {
   using kestrel::net::HttpRequest;
   const auto method = params.method <= kMethodDelete
                           ? static_cast<HttpRequest::MethodType>(params.method)
@@ -166,8 +259,17 @@ unsigned int Connection::Request(const ConnectionParams& params, ResponseCallbac
 
   auto* adaptor = new ConnectionCallback(std::move(callback), id, params.collect_response_headers,
                                          job_executor_);
+  const bool report_progress = static_cast<bool>(progress);
+  if (transfer_callback)
+    adaptor->SetTransferCallbacks(std::move(transfer_callback), std::move(progress));
+  if (in_flight_ == nullptr) {
+    in_flight_ = doNew<InFlight>();
+    in_flight_->manager = connection_manager_;
+  }
+  adaptor->Link(in_flight_);
   NetworkRequest::Info info(method, body, params.url, std::move(headers), true, adaptor, nullptr,
                             NetworkRequest::Info::kStandard);
+  info.report_progress = report_progress;
   NetworkRequest* request;
   {
     kestrel::net::ServerInfo server(params.url);

@@ -8,7 +8,7 @@
 #include "kestrel/base/i_job_executor.h"
 #include "kestrel/net/connection_manager.h"
 #include "kestrel/net/request_header.h"
-#include "quire/connection/i_connection.h"
+#include "quire/connection/i_transfer_connection.h"
 
 namespace kestrel {
 namespace quire {
@@ -18,14 +18,16 @@ namespace quire {
 ///
 /// Usage: construct, Init() once, then any number of Request() calls on the main thread. Every
 /// request ends in exactly one call of its callback, on the main loop's thread, never inside
-/// Request(). Cancel() is accepted and does nothing: an issued request always completes.
+/// Request(). Cancel() is accepted and does nothing: an issued request always completes. Abort()
+/// is the way to stop a request on the wire; StartTransfer() issues a request that reports its
+/// byte progress.
 ///
 /// A request's state lives in a callback adaptor owned by the network layer, not in the connection:
 /// deleting a connection with requests in flight is allowed, and their callbacks still arrive.
 ///
 /// Ownership: allocated through the default memory manager (plain `new` and `delete` do that). A
 /// service that is handed a connection owns it. Threading: main thread only; no locks.
-class QUIRE_EXPORT Connection : public IConnection {
+class QUIRE_EXPORT Connection : public ITransferConnection {
  public:
   /// A connection without connection manager or fixed lines, whose first automatic request id
   /// is 1. It sends nothing until Init().
@@ -62,6 +64,20 @@ class QUIRE_EXPORT Connection : public IConnection {
   /// Does nothing; the request's callback still arrives.
   void Cancel(unsigned int request_id) override;
 
+  /// Issues the request exactly as Request() does; `callback` also receives the network layer's
+  /// completion code (status 2 covers many of them), and `progress`, when not empty, hears of the
+  /// transfer's bytes (see ITransferConnection::StartTransfer()). Must not be called before Init().
+  unsigned int StartTransfer(const ConnectionParams& params, TransferCallback callback,
+                             ProgressCallback progress) override;
+  /// Stops every request of this connection in flight under `request_id` on the wire
+  /// (kestrel::net::ConnectionManager::CancelRequest()): the built-in transport takes it off the
+  /// wire and frees its memory within 100 ms. Each such request still ends in exactly one call of
+  /// its callback, later, on the main loop's thread, with status 2 (the network layer's code
+  /// kestrel::net::status::kErrorCancelled for StartTransfer() callbacks), no response header
+  /// lines (an empty list when they were asked for) and an empty body, also when the answer had
+  /// arrived but not yet been reported. Ids of finished or unknown requests are ignored.
+  void Abort(unsigned int request_id) override;
+
   /// A header record that carries `line` whole: type 0, the line as the first string, the second
   /// string null. The line is not split, trimmed or checked.
   static kestrel::net::RequestHeader GetNetHeaderFromString(const QString& line);
@@ -76,11 +92,18 @@ class QUIRE_EXPORT Connection : public IConnection {
   /// Sets the counter (0 is stored as 1), to restore the numbering of an earlier connection, say.
   void set_next_request_id(unsigned int next) { next_request_id_ = next == 0 ? 1 : next; }
 
+  /// The requests of a connection not yet completed (defined where Connection is implemented).
+  struct InFlight;
+
  private:
+  unsigned int Issue(const ConnectionParams& params, ResponseCallback callback,
+                     TransferCallback transfer_callback, ProgressCallback progress);
+
   kestrel::net::ConnectionManager* connection_manager_;
   kestrel::net::RequestHeaderList fixed_headers_;
   unsigned int next_request_id_;
   kestrel::IJobExecutor* job_executor_;
+  InFlight* in_flight_;  // the requests not yet completed, for Abort(); shared with them
 };
 
 }  // namespace quire

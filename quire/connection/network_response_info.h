@@ -15,6 +15,9 @@ enum ResponseStatus : std::int32_t {
   kStatusSuccess = 0,       ///< any 2xx answer (and every network-layer code below the 3xx range)
   kStatusParseFailure = 1,  ///< the answer arrived but its body could not be read; set by services
   kStatusFailure = 2,       ///< network failure, time-out, or an HTTP status not passed through
+  /// the request was cancelled; reported only by the classes that can cancel (RetryingConnection,
+  /// ResumableUploader), never by Connection, whose Cancel does nothing
+  kStatusCancelled = 3,
 };
 
 /// The outcome of one request: the first argument of every completion callback of the library.

@@ -6,7 +6,7 @@ quire_lib=$1
 kestrel_lib=$2
 status=0
 
-public_quire='(IConnection|Connection|ConnectionUtils|Service|UserInfoService|DocsService|DocsFeed|DocsEntry|OAuthSigners)'
+public_quire='(IConnection|ITransferConnection|Connection|ConnectionUtils|RetryPolicy|RetryingConnection|ResumableUploader|Service|UserInfoService|DocsService|DocsFeed|DocsEntry|OAuthSigners)'
 symbols=$(nm -D --defined-only -C "$quire_lib" | cut -d' ' -f3- | sed -E 's/@@?[A-Z_0-9]+$//' | grep -v '^QUIRE_0$')
 [ -n "$symbols" ] || { echo "libquire exports nothing"; exit 1; }
 bad=$(printf '%s\n' "$symbols" | grep -v -E "^((typeinfo|typeinfo name|vtable) for )?kestrel::quire::${public_quire}(::|$)" || true)

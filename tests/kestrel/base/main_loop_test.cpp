@@ -4,6 +4,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <memory>
 #include <thread>
 #include <vector>
 
@@ -94,6 +95,38 @@ TEST(MainLoopTest, QuitEndsRun) {
   EXPECT_EQ(ran, 1);
   loop.RunUntilIdle();
   EXPECT_EQ(ran, 2);
+}
+
+TEST(MainLoopTest, CancelledTimersNeverRunAndAreDestroyedAtOnce) {
+  MainLoop loop;
+  std::vector<int> order;
+  auto token = std::make_shared<int>(7);
+  const MainLoop::TimerId first = loop.PostTimer(0.02, [&order, token] { order.push_back(1); });
+  const MainLoop::TimerId second = loop.PostTimer(0.01, [&order] { order.push_back(2); });
+  EXPECT_NE(first, 0u);
+  EXPECT_NE(first, second);
+  EXPECT_EQ(token.use_count(), 2);
+  EXPECT_TRUE(loop.CancelTimer(first));
+  EXPECT_EQ(token.use_count(), 1) << "a cancelled job must be destroyed by CancelTimer";
+  EXPECT_FALSE(loop.CancelTimer(first)) << "cancelling twice";
+  EXPECT_EQ(loop.pending(), 1u);
+  loop.RunUntil([&] { return !order.empty(); }, 2.0);
+  loop.RunUntil([] { return false; }, 0.05);
+  EXPECT_EQ(order, std::vector<int>{2});
+  EXPECT_FALSE(loop.CancelTimer(second)) << "a timer that ran cannot be cancelled";
+  EXPECT_FALSE(loop.CancelTimer(12345)) << "an unknown id";
+  EXPECT_EQ(loop.pending(), 0u);
+}
+
+TEST(MainLoopTest, TimersAndDelayedJobsKeepDueOrderAndPostingOrder) {
+  MainLoop loop;
+  std::vector<int> order;
+  loop.PostTimer(0.03, [&] { order.push_back(3); });
+  loop.PostDelayed(0.01, [&] { order.push_back(1); });
+  loop.PostTimer(0.02, [&] { order.push_back(2); });
+  loop.PostTimer(0, [&] { order.push_back(0); });
+  loop.RunUntil([&] { return order.size() == 4; }, 2.0);
+  EXPECT_EQ(order, (std::vector<int>{0, 1, 2, 3}));
 }
 
 TEST(MainThreadJobExecutorTest, PostsToItsLoop) {

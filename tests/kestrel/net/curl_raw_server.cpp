@@ -186,6 +186,11 @@ void CurlRawServer::ServeConnection(int fd) {
     changed_.notify_all();
     if (!stream.WriteAll(reply.bytes)) goto done;
     if (reply.after == Reply::kClose) goto done;
+    if (reply.after == Reply::kDrain) {
+      while (stream.Read(buffer, sizeof(buffer)) > 0) {
+      }
+      goto done;
+    }
     if (reply.after == Reply::kHang) {
       std::unique_lock<std::mutex> lock(mutex_);
       changed_.wait(lock, [this] { return stopping_; });

@@ -20,6 +20,7 @@ class CurlRawServer {
       kKeepOpen,  // wait for the next request on the same connection
       kClose,     // close the connection at once (no TLS close_notify)
       kHang,      // send nothing more and keep the connection until the server stops
+      kDrain,     // send nothing more; read (and drop) what comes until the client closes
     };
     std::string bytes;
     After after = kKeepOpen;

@@ -10,6 +10,7 @@ quire_add_test(kestrel_curl_test
     net/curl_test_server.cpp
     net/curl_test_support.cpp
     net/curl_body_test.cpp
+    net/curl_cancel_test.cpp
     net/curl_connection_test.cpp
     net/curl_failure_test.cpp
     net/curl_headers_test.cpp

@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <chrono>
+
 #include "kestrel/net/connection_manager.h"
 #include "tests/support/test_support.h"
 
@@ -26,7 +28,12 @@ class Recorder : public NetworkRequest::Callback {
       headers.push_back(*request->GetHttpRequest()->GetResponseHeader(i));
     }
   }
+  void OnRequestProgress(NetworkRequest* request) override {
+    EXPECT_EQ(calls, 0) << "no progress after completion";
+    progress.push_back(request->progress());
+  }
   int calls = 0;
+  std::vector<kestrel::net::TransferProgress> progress;
   std::uint32_t status = 0;
   QByteArray body;
   bool had_buffer = false;
@@ -36,11 +43,12 @@ class Recorder : public NetworkRequest::Callback {
 class ScriptedTransportTest : public quire_test::ScriptedTest {};
 
 NetworkRequest* Issue(ConnectionManager& manager, Recorder* recorder, const QString& url,
-                      const QByteArray& body = QByteArray()) {
+                      const QByteArray& body = QByteArray(), bool report_progress = false) {
   RequestHeaderList headers;
   headers.push_back({0, QStringLiteral("X-One: 1"), QString()});
   NetworkRequest::Info info(HttpRequest::kPut, body, url, std::move(headers), true, recorder,
                             nullptr, NetworkRequest::Info::kStandard);
+  info.report_progress = report_progress;
   ServerInfo server(url);
   return manager.StartRequest(server, info);
 }
@@ -118,6 +126,99 @@ TEST_F(ScriptedTransportTest, DelayedAnswersArriveAfterTheirDelay) {
   EXPECT_EQ(a.calls, 0);
   EXPECT_EQ(b.calls, 1);
   RunUntil([&] { return a.calls == 1; });
+}
+
+TEST_F(ScriptedTransportTest, CancelDropsTheAnswerAndCompletesOnceAsCancelled) {
+  ConnectionManager manager(4, 2, true, 60.0, 60);
+  kestrel::net::ScriptedTransport::Answer slow;
+  slow.code = quire_test::Http(200);
+  slow.body = "late";
+  slow.headers = {QStringLiteral("X-Late: 1")};
+  slow.delay_seconds = 30;
+  transport_.Enqueue(slow);
+  Recorder recorder;
+  NetworkRequest* request = Issue(manager, &recorder, QStringLiteral("https://h.example/a"));
+  NetworkRequest::AddRef(request);
+  const long live = kestrel::MemoryManager::Default()->live_allocations();
+  manager.CancelRequest(request);
+  manager.CancelRequest(request);  // twice: nothing more happens
+  EXPECT_EQ(recorder.calls, 0) << "must not complete inside CancelRequest";
+  EXPECT_TRUE(request->cancelled());
+  const auto start = std::chrono::steady_clock::now();
+  RunUntil([&] { return recorder.calls == 1; });
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(1));
+  EXPECT_EQ(recorder.status, kestrel::net::status::kErrorCancelled);
+  EXPECT_TRUE(recorder.body.isEmpty());
+  EXPECT_TRUE(recorder.headers.empty());
+  EXPECT_EQ(transport_.cancelled(), 1u);
+  EXPECT_EQ(transport_.in_flight(), 0u);
+  manager.CancelRequest(request);  // after completion: ignored
+  NetworkRequest::ReleaseRef(request);
+  EXPECT_LT(kestrel::MemoryManager::Default()->live_allocations(), live)
+      << "the request must be freed once its completion ran";
+  EXPECT_EQ(kestrel::MainLoop::Default()->pending(), 0u) << "the delayed answer must be gone";
+  EXPECT_EQ(recorder.calls, 1);
+}
+
+TEST_F(ScriptedTransportTest, AnAnswerThatArrivedButWasNotReportedCompletesAsCancelled) {
+  ConnectionManager manager(4, 2, true, 60.0, 60);
+  transport_.Enqueue(quire_test::Http(200), "ready", {QStringLiteral("X-A: 1")});
+  Recorder recorder;
+  NetworkRequest* request = Issue(manager, &recorder, QStringLiteral("https://h.example/a"));
+  NetworkRequest::AddRef(request);
+  manager.CancelRequest(request);
+  RunUntilIdle();
+  EXPECT_EQ(recorder.calls, 1);
+  EXPECT_EQ(recorder.status, kestrel::net::status::kErrorCancelled);
+  EXPECT_TRUE(recorder.body.isEmpty());
+  NetworkRequest::ReleaseRef(request);
+}
+
+TEST_F(ScriptedTransportTest, ProgressReportsComeBeforeTheCompletionAndOnlyWhenAskedFor) {
+  ConnectionManager manager(4, 2, true, 60.0, 60);
+  kestrel::net::ScriptedTransport::Answer answer;
+  answer.code = quire_test::Http(200);
+  answer.body = "0123456789";
+  answer.delay_seconds = 0.05;
+  kestrel::net::TransferProgress half;
+  half.bytes_sent = 3;
+  half.bytes_to_send = 6;
+  answer.progress = {{0.01, half}};
+  transport_.Enqueue(answer);
+  transport_.Enqueue(answer);
+  Recorder with;
+  Recorder without;
+  Issue(manager, &with, QStringLiteral("https://h.example/a"), "abcdef", true);
+  Issue(manager, &without, QStringLiteral("https://h.example/a"), "abcdef", false);
+  RunUntil([&] { return with.calls == 1 && without.calls == 1; });
+  EXPECT_TRUE(without.progress.empty());
+  ASSERT_EQ(with.progress.size(), 2u);
+  EXPECT_EQ(with.progress[0].bytes_sent, 3);
+  EXPECT_EQ(with.progress[0].bytes_to_send, 6);
+  EXPECT_EQ(with.progress[1].bytes_sent, 6);
+  EXPECT_EQ(with.progress[1].bytes_to_send, 6);
+  EXPECT_EQ(with.progress[1].bytes_received, 10);
+  EXPECT_EQ(with.progress[1].bytes_to_receive, 10);
+}
+
+TEST_F(ScriptedTransportTest, ACancelledRequestHearsNoMoreProgress) {
+  ConnectionManager manager(4, 2, true, 60.0, 60);
+  kestrel::net::ScriptedTransport::Answer answer;
+  answer.delay_seconds = 0.2;
+  kestrel::net::TransferProgress some;
+  some.bytes_sent = 1;
+  answer.progress = {{0.1, some}};
+  transport_.Enqueue(answer);
+  Recorder recorder;
+  NetworkRequest* request =
+      Issue(manager, &recorder, QStringLiteral("https://h.example/a"), "ab", true);
+  NetworkRequest::AddRef(request);
+  manager.CancelRequest(request);
+  RunUntilIdle();
+  kestrel::MainLoop::Default()->RunUntil([] { return false; }, 0.25);
+  EXPECT_EQ(recorder.calls, 1);
+  EXPECT_TRUE(recorder.progress.empty());
+  NetworkRequest::ReleaseRef(request);
 }
 
 }  // namespace

@@ -1,0 +1,9 @@
+#include "quire/connection/i_transfer_connection.h"
+
+namespace kestrel {
+namespace quire {
+
+ITransferConnection::~ITransferConnection() = default;
+
+}  // namespace quire
+}  // namespace kestrel
