@@ -14,6 +14,7 @@
 #include "tools/quire/doc_resolver.h"
 #include "tools/quire/exit_codes.h"
 #include "tools/quire/mapped_file.h"
+#include "tools/quire/retry_tally.h"
 #include "tools/quire/token_source.h"
 #include "tools/quire/transport_installation.h"
 #include "tools/quire/upload_state.h"
@@ -122,6 +123,13 @@ void CommandLine::Build(CLI::App* app) {
                   "than this many seconds")
       ->type_name("SECONDS")
       ->check(CLI::PositiveNumber)
+      ->capture_default_str();
+  app->add_option("--retries", options_.retries,
+                  "Send a request that failed for a passing reason (no answer; HTTP 408, 429, 500, "
+                  "502, 503 or 504) again up to N times, waiting longer each time (as long as the "
+                  "service asks with Retry-After); 0 turns retrying off")
+      ->type_name("N")
+      ->check(CLI::Range(0, 100))
       ->capture_default_str();
   app->add_option("--token-file", token_file_,
                   "Read the bearer token from this file instead of QUIRE_TOKEN")
@@ -236,14 +244,26 @@ int CommandLine::Run(int argc, char** argv) {
     err() << "quire: " << what << "; see quire --help\n" << std::flush;
     return ExitCodes::Value(ExitCode::kUsage);
   }
+  retries_.reset(new RetryTally(options_.retries));
   try {
     Dispatch(&app);
     out() << std::flush;
+    // The upload's own last line says it; other commands say it on the error stream, so that
+    // their output stays what it would be without the retries.
+    if (!retried_said_ && retries_->retries() > 0) {
+      const int count = retries_->retries();
+      err() << "quire: " << count << (count == 1 ? " retry" : " retries")
+            << " after passing failures; all recovered\n"
+            << std::flush;
+    }
     return 0;
   } catch (const CliFailure& failure) {
     transport_.reset();
     out() << std::flush;
-    err() << "quire: " << failure.message() << '\n' << std::flush;
+    err() << "quire: " << failure.message();
+    const int retried = retries_->retries();
+    if (retried > 0) err() << " (" << retried << (retried == 1 ? " retry made)" : " retries made)");
+    err() << '\n' << std::flush;
     return ExitCodes::Value(failure.code());
   }
 }
@@ -289,14 +309,14 @@ QString CommandLine::StatePath() const {
 void CommandLine::Whoami() {
   InstallTransport();
   // The user-information request carries no token; none is needed.
-  Client client(QString(), transport_->classifier());
+  Client client(QString(), transport_->classifier(), retries_.get());
   out() << client.UserEmail().toStdString() << '\n';
 }
 
 void CommandLine::List() {
   const QString token = Token();
   InstallTransport();
-  Client client(token, transport_->classifier());
+  Client client(token, transport_->classifier(), retries_.get());
   const FeedSnapshot snapshot = client.List();
   if (json_) {
     const QByteArray json = DocListFormatter::Json(snapshot.documents);
@@ -318,7 +338,7 @@ void CommandLine::Get() {
     }
   }
   InstallTransport();
-  Client client(token, transport_->classifier());
+  Client client(token, transport_->classifier(), retries_.get());
   const FeedSnapshot snapshot = client.List();
   const DocRecord doc = DocResolver(snapshot.documents).Resolve(Q(doc_));
   bool written = true;
@@ -349,7 +369,7 @@ void CommandLine::Put() {
   MappedFile file(Q(file_));
   const QString token = Token();
   InstallTransport();
-  Client client(token, transport_->classifier());
+  Client client(token, transport_->classifier(), retries_.get());
   const FeedSnapshot snapshot = client.List();
   const DocRecord created = client.Create(snapshot.post_link, file.data());
   out() << "created " << Describe(created) << ", " << file.size() << " bytes\n";
@@ -359,7 +379,7 @@ void CommandLine::Replace() {
   MappedFile file(Q(file_));
   const QString token = Token();
   InstallTransport();
-  Client client(token, transport_->classifier());
+  Client client(token, transport_->classifier(), retries_.get());
   const FeedSnapshot snapshot = client.List();
   const DocRecord doc = DocResolver(snapshot.documents).Resolve(Q(doc_));
   const DocRecord replaced = client.Replace(doc, file.data());
@@ -369,7 +389,7 @@ void CommandLine::Replace() {
 void CommandLine::Remove() {
   const QString token = Token();
   InstallTransport();
-  Client client(token, transport_->classifier());
+  Client client(token, transport_->classifier(), retries_.get());
   const FeedSnapshot snapshot = client.List();
   const DocRecord doc = DocResolver(snapshot.documents).Resolve(Q(doc_));
   QString etag = doc.etag;
@@ -384,11 +404,12 @@ void CommandLine::Upload() {
   if (resume_) {
     const QString token = Token();
     InstallTransport();
-    Uploader uploader(token, transport_->classifier(), StatePath(), progress);
+    Uploader uploader(token, transport_->classifier(), StatePath(), progress, retries_.get());
     const DocRecord doc = uploader.Resume();
     out() << "uploaded " << Describe(doc) << ": continued at byte " << uploader.start_bytes()
           << ", " << uploader.end_bytes() << " bytes held after " << uploader.put_answers()
-          << " requests\n";
+          << " requests" << retries_->Note() << '\n';
+    retried_said_ = true;
     return;
   }
   if (file_.empty()) {
@@ -407,16 +428,17 @@ void CommandLine::Upload() {
           : Q(type_);
   const QString token = Token();
   InstallTransport();
-  Client client(token, transport_->classifier());
+  Client client(token, transport_->classifier(), retries_.get());
   const FeedSnapshot snapshot = client.List();
   QUrl start = snapshot.resumable_create_media_link;
   if (!to_.empty())
     start = DocResolver(snapshot.documents).Resolve(Q(to_)).resumable_edit_media_link;
 
-  Uploader uploader(token, transport_->classifier(), StatePath(), progress);
+  Uploader uploader(token, transport_->classifier(), StatePath(), progress, retries_.get());
   const DocRecord doc = uploader.Upload(start, to_.empty(), &file, title, type, chunk_size);
   out() << "uploaded " << Describe(doc) << ": " << file.size() << " bytes in "
-        << uploader.put_answers() << " chunks\n";
+        << uploader.put_answers() << " chunks" << retries_->Note() << '\n';
+  retried_said_ = true;
 }
 
 void CommandLine::Demo() {

@@ -17,6 +17,7 @@ class App;
 
 namespace quire_cli {
 
+class RetryTally;
 class TransportInstallation;
 
 class CommandLine {
@@ -86,6 +87,9 @@ class CommandLine {
   std::string server_binary_;
 
   std::unique_ptr<TransportInstallation> transport_;
+  // The retries of the running command (from --retries); the last line tells of them.
+  std::unique_ptr<RetryTally> retries_;
+  bool retried_said_ = false;
 };
 
 }  // namespace quire_cli

@@ -1,5 +1,7 @@
 #include "tools/quire/progress_connection.h"
 
+#include <algorithm>
+#include <memory>
 #include <utility>
 
 #include "kestrel/base/memory_manager.h"
@@ -12,7 +14,10 @@ using kestrel::quire::NetworkResponseInfo;
 using kestrel::quire::ResponseCallback;
 
 ProgressConnection::ProgressConnection(kestrel::quire::IConnection* inner, ProgressBar* bar)
-    : inner_(inner), bar_(bar), start_(std::chrono::steady_clock::now()) {}
+    : inner_(inner),
+      transfer_inner_(dynamic_cast<kestrel::quire::ITransferConnection*>(inner)),
+      bar_(bar),
+      start_(std::chrono::steady_clock::now()) {}
 
 ProgressConnection::~ProgressConnection() { kestrel::doDelete(inner_); }
 
@@ -25,15 +30,57 @@ void ProgressConnection::Init(const std::vector<QString>& headers) { inner_->Ini
 
 void ProgressConnection::Cancel(unsigned int request_id) { inner_->Cancel(request_id); }
 
+void ProgressConnection::CancelAll() {
+  const std::set<unsigned int> ids(in_flight_.begin(), in_flight_.end());
+  for (unsigned int id : ids) {
+    if (transfer_inner_ != nullptr) {
+      transfer_inner_->Abort(id);
+    } else {
+      inner_->Cancel(id);
+    }
+  }
+}
+
 unsigned int ProgressConnection::Request(const ConnectionParams& params,
                                          ResponseCallback callback) {
   const std::uint32_t method = params.method;
-  return inner_->Request(params, [this, method, callback = std::move(callback)](
-                                     NetworkResponseInfo info, QByteArray body) {
+  auto shared = std::make_shared<unsigned int>(0);
+  auto done = [this, method, shared, callback = std::move(callback)](NetworkResponseInfo info,
+                                                                     QByteArray body) {
+    auto at = in_flight_.find(*shared);
+    if (at != in_flight_.end()) in_flight_.erase(at);
+    last_status_ = info.status;
     if (method == kestrel::quire::kMethodPost) OnPostDone(info);
     if (method == kestrel::quire::kMethodPut) OnPutDone(info);
     callback(info, body);
-  });
+  };
+  unsigned int id = 0;
+  const std::int64_t first = method == kestrel::quire::kMethodPut ? ChunkStart(params.headers) : -1;
+  if (transfer_inner_ != nullptr) {
+    kestrel::quire::ProgressCallback progress;
+    if (first >= 0) {
+      progress = [this, first](std::uint32_t, const kestrel::net::TransferProgress& moved) {
+        OnSent(first, moved.bytes_sent);
+      };
+    }
+    id = transfer_inner_->StartTransfer(
+        params,
+        [done](NetworkResponseInfo info, QByteArray body, std::uint32_t) {
+          done(std::move(info), std::move(body));
+        },
+        std::move(progress));
+  } else {
+    id = inner_->Request(params, std::move(done));
+  }
+  // Completions come later, on the main loop, never inside the call above.
+  *shared = id;
+  in_flight_.insert(id);
+  return id;
+}
+
+void ProgressConnection::OnSent(std::int64_t first, std::int64_t sent) {
+  // Bytes on their way are not yet held; the bar shows them, the state file does not.
+  if (bar_ != nullptr) bar_->Update(std::max(held_, first + sent), Seconds());
 }
 
 void ProgressConnection::OnPostDone(const NetworkResponseInfo& info) {
@@ -69,6 +116,16 @@ QString ProgressConnection::HeaderValue(const std::vector<QString>* headers, con
     if (line.startsWith(key)) return line.mid(key.size());
   }
   return QString();
+}
+
+std::int64_t ProgressConnection::ChunkStart(const std::vector<QString>* headers) {
+  const QString range = HeaderValue(headers, QStringLiteral("Content-Range"));
+  if (!range.startsWith(QStringLiteral("bytes "))) return -1;
+  const int dash = range.indexOf(QLatin1Char('-'));
+  if (dash < 0) return -1;
+  bool ok = false;
+  const qlonglong first = range.mid(6, dash - 6).toLongLong(&ok);
+  return ok && first >= 0 ? first : -1;
 }
 
 std::int64_t ProgressConnection::HeldFromRange(const QString& range) {

@@ -19,10 +19,26 @@ if(TARGET quire-server AND TARGET quire_cli)
   quire_add_test(quire_cli_end_to_end_test
     SOURCES
       ${CMAKE_CURRENT_LIST_DIR}/cli_end_to_end_test.cpp
+      ${CMAKE_CURRENT_LIST_DIR}/cli_retry_test.cpp
       ${CMAKE_CURRENT_LIST_DIR}/process_runner.cpp
     LIBS quire_cli_core)
   target_compile_definitions(quire_cli_end_to_end_test PRIVATE
     QUIRE_BINARY="$<TARGET_FILE:quire_cli>"
     QUIRE_SERVER_BINARY="$<TARGET_FILE:quire-server>")
   add_dependencies(quire_cli_end_to_end_test quire_cli quire-server)
+
+  # An upload of 5 GiB through the program: minutes of disk and network, in the plain suite only.
+  add_executable(quire_cli_large_upload_test
+    ${CMAKE_CURRENT_LIST_DIR}/cli_large_upload_test.cpp
+    ${CMAKE_CURRENT_LIST_DIR}/process_runner.cpp)
+  quire_warnings(quire_cli_large_upload_test)
+  target_include_directories(quire_cli_large_upload_test PRIVATE ${PROJECT_SOURCE_DIR})
+  target_link_libraries(quire_cli_large_upload_test PRIVATE
+    quire_cli_core GTest::gtest GTest::gtest_main)
+  target_compile_definitions(quire_cli_large_upload_test PRIVATE
+    QUIRE_BINARY="$<TARGET_FILE:quire_cli>"
+    QUIRE_SERVER_BINARY="$<TARGET_FILE:quire-server>")
+  add_dependencies(quire_cli_large_upload_test quire_cli quire-server)
+  gtest_discover_tests(quire_cli_large_upload_test DISCOVERY_TIMEOUT 60
+    PROPERTIES TIMEOUT 900 LABELS heavy)
 endif()

@@ -392,7 +392,7 @@ TEST_F(CommandLineTest, EachFailureClassHasItsExitCode) {
   };
   for (const Case& c : cases) {
     Enqueue(c.code, c.body);
-    const Result result = Run({"ls"});
+    const Result result = Run({"--retries", "0", "ls"});
     EXPECT_EQ(result.code, c.exit) << c.says << "\n" << result.err;
     EXPECT_NE(result.err.find(c.says), std::string::npos) << result.err;
     EXPECT_TRUE(result.out.empty());
@@ -605,8 +605,8 @@ TEST_F(CommandLineTest, AnInterruptedUploadKeepsItsStateAndContinuesWithResume) 
   Enqueue(Http(200), QByteArray(), {QStringLiteral("Location: ") + kSession});
   Enqueue(Http(308), QByteArray(), {QStringLiteral("Range: bytes=0-9")});
   Enqueue(kestrel::net::status::kErrorConnectionReset);
-  Result result = Run({"upload", file.toStdString(), "--type", "application/x-test", "--chunk-size",
-                       "10", "--state-file", StateFile()});
+  Result result = Run({"--retries", "0", "upload", file.toStdString(), "--type",
+                       "application/x-test", "--chunk-size", "10", "--state-file", StateFile()});
   EXPECT_EQ(result.code, 3) << result.err;
   EXPECT_NE(result.err.find("the service holds 10 of 25 bytes"), std::string::npos) << result.err;
   EXPECT_NE(result.err.find("quire upload --resume --state-file " + StateFile()), std::string::npos)
@@ -763,6 +763,64 @@ TEST_F(CommandLineTest, UploadOfAFileOfFourGibibytesIsRefusedBeforeAnythingIsSen
   EXPECT_EQ(transports_made_, 0);
 }
 
+TEST_F(CommandLineTest, PassingFailuresAreRetriedAndTheErrorStreamSaysSo) {
+  Enqueue(Http(503), QByteArray(), {QStringLiteral("Retry-After: 0")});
+  Enqueue(kestrel::net::status::kErrorConnectionReset);
+  Enqueue(Http(200), Feed(TwoDocs()));
+  Result result = Run({"ls"});
+  EXPECT_EQ(result.code, 0) << result.err;
+  EXPECT_NE(result.out.find("Notes"), std::string::npos) << result.out;
+  EXPECT_EQ(result.err, "quire: 2 retries after passing failures; all recovered\n");
+  EXPECT_EQ(transport_.requests().size(), 3u);
+
+  // A failure that does not pass is not retried.
+  Enqueue(Http(404));
+  result = Run({"ls"});
+  EXPECT_EQ(result.code, 5) << result.err;
+  EXPECT_EQ(result.err.find("retries made"), std::string::npos) << result.err;
+
+  // Retries that run out say how many were made.
+  for (int i = 0; i < 3; ++i) Enqueue(Http(503), QByteArray(), {QStringLiteral("Retry-After: 0")});
+  result = Run({"--retries", "2", "ls"});
+  EXPECT_EQ(result.code, 7) << result.err;
+  EXPECT_NE(result.err.find("HTTP 503"), std::string::npos) << result.err;
+  EXPECT_NE(result.err.find("(2 retries made)\n"), std::string::npos) << result.err;
+}
+
+TEST_F(CommandLineTest, RetriesMustBeACountFromZeroToAHundred) {
+  for (const char* bad : {"-1", "101", "many"}) {
+    const Result result = Run({"--retries", bad, "ls"});
+    EXPECT_EQ(result.code, 2) << bad;
+    EXPECT_NE(result.err.find("--retries"), std::string::npos) << result.err;
+  }
+}
+
+TEST_F(CommandLineTest, AnUploadGoesOnByItselfAfterAChunkFailedAndItsLastLineSaysSo) {
+  const QByteArray bytes = Pattern(25);
+  const QString file = Write(QStringLiteral("retry.bin"), bytes);
+  Enqueue(Http(200), Feed({}));
+  Enqueue(Http(200), QByteArray(), {QStringLiteral("Location: ") + kSession});
+  Enqueue(Http(308), QByteArray(), {QStringLiteral("Range: bytes=0-9")});
+  Enqueue(kestrel::net::status::kErrorConnectionReset);
+  Enqueue(Http(503), QByteArray(), {QStringLiteral("Retry-After: 0")});
+  Enqueue(Http(308), QByteArray(), {QStringLiteral("Range: bytes=0-18")});
+  Enqueue(Http(201),
+          Entry({QStringLiteral("d8"), QStringLiteral("retry.bin"), QStringLiteral("\"e8\"")}));
+  const Result result =
+      Run({"upload", file.toStdString(), "--chunk-size", "10", "--state-file", StateFile()});
+  EXPECT_EQ(result.code, 0) << result.err;
+  EXPECT_EQ(result.out,
+            "uploaded \"retry.bin\" (id d8, entity tag \"e8\"): 25 bytes in 3 chunks, after 2 "
+            "retries\n");
+  // The failed chunk went again as it was; the bytes the service holds were all sent.
+  ASSERT_EQ(bodies_.size(), 7u);
+  EXPECT_EQ(bodies_[3], bytes.mid(9, 10));
+  EXPECT_EQ(bodies_[4], bytes.mid(9, 10));
+  EXPECT_EQ(bodies_[5], bytes.mid(9, 10));
+  EXPECT_EQ(bodies_[6], bytes.mid(18));
+  EXPECT_FALSE(QFile::exists(QString::fromStdString(StateFile())));
+}
+
 TEST_F(CommandLineTest, UploadOfAnEmptyFileIsRefused) {
   const QString file = Write(QStringLiteral("empty"), QByteArray());
   Enqueue(Http(200), Feed({}));
@@ -775,7 +833,8 @@ TEST_F(CommandLineTest, AnUploadThatFailsBeforeItsSessionOpensLeavesNoState) {
   const QString file = Write(QStringLiteral("s.bin"), Pattern(5));
   Enqueue(Http(200), Feed({}));
   Enqueue(Http(503));
-  const Result result = Run({"upload", file.toStdString(), "--state-file", StateFile()});
+  const Result result =
+      Run({"--retries", "0", "upload", file.toStdString(), "--state-file", StateFile()});
   EXPECT_EQ(result.code, 7);
   EXPECT_NE(result.err.find("start the upload again"), std::string::npos) << result.err;
   EXPECT_FALSE(QFile::exists(QString::fromStdString(StateFile())));
