@@ -20,3 +20,4 @@
 #include "quire/services/service.h"
 #include "quire/services/user_info_service.h"
 #include "quire/upload/connection_utils.h"
+#include "quire/upload/resumable_uploader.h"

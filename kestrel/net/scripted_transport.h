@@ -130,9 +130,12 @@ class KESTREL_EXPORT ScriptedTransport : public ITransport {
     std::size_t completed = 0;
     std::size_t cancelled = 0;
     const char* last_response_data = nullptr;
+    /// A request that has not completed nor been cancelled.
     struct Pending {
-      std::uint64_t serial = 0;           // tells a request from a later one at the same address
-      std::vector<std::uint64_t> timers;  // its main-loop timers
+      /// Tells the request from a later one at the same address.
+      std::uint64_t serial = 0;
+      /// Its main-loop timers (progress reports, a delayed answer).
+      std::vector<std::uint64_t> timers;
     };
     // Every request not yet completed nor cancelled.
     std::map<NetworkRequest*, Pending> pending;

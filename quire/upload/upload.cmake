@@ -1,2 +1,3 @@
 # Resumable upload (ConnectionUtils).
-target_sources(quire PRIVATE ${CMAKE_CURRENT_LIST_DIR}/connection_utils.cpp)
+target_sources(quire PRIVATE ${CMAKE_CURRENT_LIST_DIR}/connection_utils.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/resumable_uploader.cpp)

@@ -224,7 +224,9 @@ void FaultMatrixTest::Seed() {
 
 std::vector<Outcome> FaultMatrixTest::Run(const std::vector<Operation>& operations,
                                           const std::vector<std::string>& args, bool side_by_side,
-                                          double seconds) {
+                                          double seconds, const kestrel::quire::RetryPolicy* policy,
+                                          std::vector<std::uint64_t>* retries,
+                                          double cancel_after) {
   std::vector<Outcome> outcomes(operations.size());
   Seed();
   if (HasFatalFailure()) return outcomes;
@@ -236,15 +238,32 @@ std::vector<Outcome> FaultMatrixTest::Run(const std::vector<Operation>& operatio
   options.port = emulator_.port();
   options.trusted_files = {emulator_.certificate_file()};
   options.chunk_size = kChunkBytes;
+  options.retry_policy = policy;
   std::vector<std::unique_ptr<LibraryClient>> clients;
   for (std::size_t i = 0; i < operations.size(); ++i) {
     clients.push_back(std::make_unique<LibraryClient>(options));
     EXPECT_TRUE(clients.back()->configured());
   }
   auto called = [&outcomes](std::size_t i) { return outcomes[i].calls > 0; };
+  // Delayed cancels that find the clients gone do nothing.
+  auto clients_alive = std::make_shared<bool>(true);
+  auto cancel = [&](std::size_t i) {
+    if (cancel_after < 0) return;
+    LibraryClient* client = clients[i].get();
+    const Operation operation = operations[i];
+    const unsigned int id = outcomes[i].issued_id;
+    if (cancel_after == 0) {
+      OperationRunner::Cancel(operation, client, id);
+    } else {
+      MainLoop::Default()->PostDelayed(cancel_after, [client, operation, id, clients_alive] {
+        if (*clients_alive) OperationRunner::Cancel(operation, client, id);
+      });
+    }
+  };
   if (side_by_side) {
     for (std::size_t i = 0; i < operations.size(); ++i) {
       OperationRunner::Start(operations[i], clients[i].get(), targets_, &outcomes[i]);
+      cancel(i);
     }
     EXPECT_TRUE(MainLoop::Default()->RunUntil(
         [&] {
@@ -264,6 +283,7 @@ std::vector<Outcome> FaultMatrixTest::Run(const std::vector<Operation>& operatio
   } else {
     for (std::size_t i = 0; i < operations.size(); ++i) {
       OperationRunner::Start(operations[i], clients[i].get(), targets_, &outcomes[i]);
+      cancel(i);
       EXPECT_TRUE(MainLoop::Default()->RunUntil([&] { return called(i); }, seconds))
           << OperationRunner::Name(operations[i]) << " did not call back within " << seconds
           << " s";
@@ -271,10 +291,29 @@ std::vector<Outcome> FaultMatrixTest::Run(const std::vector<Operation>& operatio
   }
   // Whatever else the transports still have goes to the main loop; a second callback would show.
   for (const auto& client : clients) EXPECT_TRUE(client->WaitForIdle(seconds));
+  if (retries != nullptr) {
+    retries->clear();
+    for (const auto& client : clients) retries->push_back(client->retries());
+  }
+  *clients_alive = false;
   clients.clear();
   MainLoop::Default()->RunUntilIdle();
   EXPECT_EQ(emulator_.Stop(), 0) << "the emulator did not stop cleanly";
   return outcomes;
+}
+
+void FaultMatrixTest::WithEmulator(const std::vector<std::string>& args,
+                                   const std::function<void(const LibraryClient::Options&)>& body) {
+  Seed();
+  if (HasFatalFailure()) return;
+  ASSERT_TRUE(emulator_.Start(args)) << "the emulator did not start with its faults";
+  LibraryClient::Options options;
+  options.port = emulator_.port();
+  options.trusted_files = {emulator_.certificate_file()};
+  options.chunk_size = kChunkBytes;
+  body(options);
+  MainLoop::Default()->RunUntilIdle();
+  EXPECT_EQ(emulator_.Stop(), 0) << "the emulator did not stop cleanly";
 }
 
 void FaultMatrixTest::RunColumn(Fault fault, bool side_by_side, double seconds) {

@@ -14,6 +14,7 @@
 
 #include <QByteArray>
 #include <QString>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -55,8 +56,18 @@ class FaultMatrixTest : public ::testing::Test {
   void RunColumn(Fault fault, bool side_by_side, double seconds);
   // Runs the operations given against the emulator started with `args` (after seeding), returning
   // their outcomes in the same order.
+  // With `policy`, every client's connections retry under it (`retries`, when given, receives the
+  // retries of each operation's client); `cancel_after` >= 0 cancels each operation that long
+  // after it was issued (0: at once, inside the issuing turn of the main loop).
   std::vector<Outcome> Run(const std::vector<Operation>& operations,
-                           const std::vector<std::string>& args, bool side_by_side, double seconds);
+                           const std::vector<std::string>& args, bool side_by_side, double seconds,
+                           const kestrel::quire::RetryPolicy* policy = nullptr,
+                           std::vector<std::uint64_t>* retries = nullptr, double cancel_after = -1);
+
+  // Seeds, starts the emulator with `args`, runs `body` with the options of a client for it, and
+  // stops the emulator.
+  void WithEmulator(const std::vector<std::string>& args,
+                    const std::function<void(const LibraryClient::Options&)>& body);
 
   static const char* Name(Fault fault);
   // The emulator's arguments for `fault` (writing the body files it needs).

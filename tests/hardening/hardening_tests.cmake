@@ -34,7 +34,7 @@ if(TARGET quire_server_test_support)
     quire_hardening_support quire_server_test_support)
 
   quire_add_test(quire_fault_matrix_test
-    SOURCES hardening/fault_columns_test.cpp
+    SOURCES hardening/fault_columns_test.cpp hardening/fault_retry_test.cpp
     LIBS quire_fault_matrix_support)
 
   # A column of its own, labelled for the suites that leave it out.

@@ -33,9 +33,18 @@ LibraryClient::LibraryClient(const Options& options)
     lines.push_back(QStringLiteral("Authorization: Bearer ") + options.token);
   }
   kestrel::net::TransportRegistry::SetDefault(transport_);
-  docs_ = new kestrel::quire::DocsService();
-  user_info_ = new kestrel::quire::UserInfoService();
-  upload_connection_ = new kestrel::quire::Connection();
+  // With a policy, each connection is wrapped in a retrying one (which the service then owns).
+  auto make = [&]() -> kestrel::quire::IConnection* {
+    if (options.retry_policy == nullptr) return nullptr;
+    auto* retrying = new kestrel::quire::RetryingConnection(new kestrel::quire::Connection(),
+                                                            *options.retry_policy);
+    retrying_.push_back(retrying);
+    return retrying;
+  };
+  docs_ = new kestrel::quire::DocsService(make());
+  user_info_ = new kestrel::quire::UserInfoService(make());
+  upload_connection_ = make();
+  if (upload_connection_ == nullptr) upload_connection_ = new kestrel::quire::Connection();
   upload_connection_->Init(lines);
   kestrel::net::TransportRegistry::SetDefault(nullptr);
 
@@ -52,6 +61,12 @@ bool LibraryClient::WaitForIdle(double seconds) {
   }
   loop->RunUntilIdle();
   return transport_->in_flight() == 0;
+}
+
+std::uint64_t LibraryClient::retries() const {
+  std::uint64_t total = 0;
+  for (const kestrel::quire::RetryingConnection* retrying : retrying_) total += retrying->retries();
+  return total;
 }
 
 LibraryClient::~LibraryClient() {

@@ -13,6 +13,8 @@
 #include "kestrel/net/curl_transport.h"
 #include "kestrel/net/curl_transport_config.h"
 #include "quire/connection/connection.h"
+#include "quire/connection/retry_policy.h"
+#include "quire/connection/retrying_connection.h"
 #include "quire/services/docs_service.h"
 #include "quire/services/user_info_service.h"
 #include "quire/upload/connection_utils.h"
@@ -30,6 +32,8 @@ class LibraryClient {
     bool insecure = false;                   // turns off certificate verification
     QString token = QString::fromLatin1(kToken);
     std::uint32_t chunk_size = 64 * 1024;  // of resumable uploads
+    // When set, every connection of the client is a RetryingConnection under this policy.
+    const kestrel::quire::RetryPolicy* retry_policy = nullptr;
   };
 
   explicit LibraryClient(const Options& options);
@@ -44,6 +48,10 @@ class LibraryClient {
   // Uploads go through a Connection whose fixed lines are the version and the token's line.
   kestrel::quire::ConnectionUtils& uploads() { return *uploads_; }
   kestrel::net::CurlTransport& transport() { return *transport_; }
+  // The connection the uploads go through.
+  kestrel::quire::IConnection& upload_connection() { return *upload_connection_; }
+  // The retries decided by the client's retrying connections (0 without a retry policy).
+  std::uint64_t retries() const;
 
   // Runs the main loop until the transport has handed every completion to it and the loop has
   // run them (the transport's count drops on its own thread, without waking the loop, hence the
@@ -57,7 +65,8 @@ class LibraryClient {
   kestrel::net::CurlTransport* transport_;
   kestrel::quire::DocsService* docs_ = nullptr;
   kestrel::quire::UserInfoService* user_info_ = nullptr;
-  kestrel::quire::Connection* upload_connection_ = nullptr;
+  kestrel::quire::IConnection* upload_connection_ = nullptr;
+  std::vector<kestrel::quire::RetryingConnection*> retrying_;  // owned by the services and uploads
   kestrel::quire::ConnectionUtils* uploads_ = nullptr;
 };
 

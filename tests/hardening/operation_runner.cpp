@@ -62,6 +62,20 @@ std::uint64_t OperationRunner::Hash(const char* data, std::size_t size) {
   return hash;
 }
 
+void OperationRunner::Cancel(Operation operation, LibraryClient* client, unsigned int id) {
+  switch (operation) {
+    case Operation::kGetUserEmail:
+      client->user_info().Cancel(id);
+      break;
+    case Operation::kResumableUpload:
+      client->upload_connection().Cancel(id);
+      break;
+    default:
+      client->docs().Cancel(id);
+      break;
+  }
+}
+
 void OperationRunner::Start(Operation operation, LibraryClient* client, const Targets& targets,
                             Outcome* outcome) {
   // Set while the operation is being issued: a callback that sees it ran too early.

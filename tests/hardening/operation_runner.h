@@ -69,6 +69,8 @@ class OperationRunner {
   // Starts `operation` on `client`; its callback fills `*outcome`, which must outlive it.
   static void Start(Operation operation, LibraryClient* client, const Targets& targets,
                     Outcome* outcome);
+  // Cancels the request `id` of `operation` through the service (or the upload's connection).
+  static void Cancel(Operation operation, LibraryClient* client, unsigned int id);
   // FNV-1a over the bytes.
   static std::uint64_t Hash(const char* data, std::size_t size);
 };
