@@ -175,7 +175,8 @@ void CommandLine::Build(CLI::App* app) {
       "upload",
       "Upload FILE in chunks; an interrupted upload continues with --resume. Shows a progress "
       "bar on a terminal");
-  CLI::Option* file = upload->add_option("FILE", file_, "The file to upload (below 4 GiB)");
+  CLI::Option* file =
+      upload->add_option("FILE", file_, "The file to upload (any size the service takes)");
   CLI::Option* title =
       upload->add_option("--title", title_, "The new document's title (default: the file name)")
           ->type_name("T");
@@ -417,14 +418,15 @@ void CommandLine::Upload() {
                      "upload needs a FILE, or --resume to continue an interrupted upload; see "
                      "quire upload --help");
   }
-  // Everything local is checked before anything is sent: the size of the file first.
-  MappedFile file(Q(file_));
+  // Everything local is checked before anything is sent: the file first. It is read chunk by
+  // chunk as the upload goes, whatever its size.
+  const UploadState file = Uploader::Identify(Q(file_));
   const std::uint32_t chunk_size =
       ParseChunkSize(chunk_size_.empty() ? kDefaultChunkSize : chunk_size_);
-  const QString title = title_.empty() ? QFileInfo(file.path()).fileName() : Q(title_);
+  const QString title = title_.empty() ? QFileInfo(file.file_path).fileName() : Q(title_);
   const QString type =
       type_.empty()
-          ? QMimeDatabase().mimeTypeForFile(file.path(), QMimeDatabase::MatchExtension).name()
+          ? QMimeDatabase().mimeTypeForFile(file.file_path, QMimeDatabase::MatchExtension).name()
           : Q(type_);
   const QString token = Token();
   InstallTransport();
@@ -435,8 +437,8 @@ void CommandLine::Upload() {
     start = DocResolver(snapshot.documents).Resolve(Q(to_)).resumable_edit_media_link;
 
   Uploader uploader(token, transport_->classifier(), StatePath(), progress, retries_.get());
-  const DocRecord doc = uploader.Upload(start, to_.empty(), &file, title, type, chunk_size);
-  out() << "uploaded " << Describe(doc) << ": " << file.size() << " bytes in "
+  const DocRecord doc = uploader.Upload(start, to_.empty(), file, title, type, chunk_size);
+  out() << "uploaded " << Describe(doc) << ": " << file.file_size << " bytes in "
         << uploader.put_answers() << " chunks" << retries_->Note() << '\n';
   retried_said_ = true;
 }

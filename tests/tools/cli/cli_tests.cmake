@@ -9,7 +9,6 @@ quire_add_test(quire_cli_test
     ${CMAKE_CURRENT_LIST_DIR}/failure_classifier_test.cpp
     ${CMAKE_CURRENT_LIST_DIR}/mapped_file_test.cpp
     ${CMAKE_CURRENT_LIST_DIR}/progress_bar_test.cpp
-    ${CMAKE_CURRENT_LIST_DIR}/progress_connection_test.cpp
     ${CMAKE_CURRENT_LIST_DIR}/token_source_test.cpp
     ${CMAKE_CURRENT_LIST_DIR}/upload_state_test.cpp
   LIBS quire_cli_core quire_test_support)
