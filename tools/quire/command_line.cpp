@@ -246,6 +246,7 @@ int CommandLine::Run(int argc, char** argv) {
     return ExitCodes::Value(ExitCode::kUsage);
   }
   retries_.reset(new RetryTally(options_.retries));
+  retried_said_ = false;
   try {
     Dispatch(&app);
     out() << std::flush;
