@@ -178,6 +178,10 @@ DocRecord Uploader::Run(
     ++retries_seen;
     retries_->Count();
   }
+  // The callbacks refer to this function's variables; the upload has ended, but leave nothing
+  // behind that could reach them.
+  uploader->set_progress_callback(nullptr);
+  uploader->set_session_callback(nullptr);
   if (bar) bar->Finish();
   if (retries_ != nullptr) retries_->set_bar(nullptr);
   seconds_ = SecondsSince(started);
