@@ -8,6 +8,10 @@ add_executable(transfer_bench ${CMAKE_CURRENT_LIST_DIR}/transfer_bench.cpp)
 quire_warnings(transfer_bench)
 target_link_libraries(transfer_bench PRIVATE quire_bench_common quire kestrel CURL::libcurl)
 
+add_executable(resilience_bench ${CMAKE_CURRENT_LIST_DIR}/resilience_bench.cpp)
+quire_warnings(resilience_bench)
+target_link_libraries(resilience_bench PRIVATE quire_bench_common quire kestrel)
+
 add_executable(bench_report ${CMAKE_CURRENT_LIST_DIR}/bench_report.cpp)
 quire_warnings(bench_report)
 target_link_libraries(bench_report PRIVATE quire_bench_common)

@@ -65,4 +65,7 @@ if(TARGET quire_server_test_support)
   # The 200 MB feed: one thread parses it, so the ThreadSanitizer suite, where it takes minutes,
   # leaves it out.
   quire_fault_column(quire_fault_huge_feed_test hardening/fault_huge_feed_test.cpp heavy)
+  # Twenty uploads of up to 64 MiB under random faults: about a gigabyte through TLS and the
+  # emulator's disk, so the plain suite only.
+  quire_fault_column(quire_upload_chaos_test hardening/upload_chaos_test.cpp heavy)
 endif()

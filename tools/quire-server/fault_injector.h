@@ -12,6 +12,15 @@
 
 namespace quire_server {
 
+// The faults chosen for one request.
+struct RequestFaults {
+  // Answer 503 (with Retry-After) without doing anything.
+  bool fail = false;
+  // Cut the connection part-way through a body; `cut_point` (in [0, 1)) says how far into it.
+  bool cut = false;
+  double cut_point = 0;
+};
+
 class FaultInjector {
  public:
   static constexpr std::uint64_t kUnlimited = ~std::uint64_t{0};
@@ -19,8 +28,11 @@ class FaultInjector {
   explicit FaultInjector(const FaultOptions& options) : options_(options) {}
 
   const FaultOptions& options() const { return options_; }
-  // Counts one request; true when it is one of those to answer with 503.
-  bool NextRequestFails();
+  // Counts one request and chooses its faults: a 503 for every k-th request and, from the seed
+  // and the request's number, the random 503s and cuts.
+  RequestFaults NextRequest();
+  // The answer of an injected 503.
+  HttpResponse Unavailable() const;
   std::uint64_t RequestByteLimit() const;
   std::uint64_t ResponseByteLimit() const;
   std::chrono::milliseconds AnswerDelay() const {

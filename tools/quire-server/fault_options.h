@@ -13,6 +13,16 @@ struct FaultOptions {
   std::uint64_t close_response_after = 0;
   // Answer 503 to every k-th request, before doing anything with it.
   std::uint32_t fail_every = 0;
+  // Answer 503 to this share (0 to 1) of requests, chosen at random, before doing anything.
+  double fail_share = 0;
+  // Cut the connection of this share (0 to 1) of requests, chosen at random, in the middle of a
+  // body: of the request's when it has one, else of the answer's.
+  double cut_share = 0;
+  // Seed of the random choices above: the same seed and the same sequence of requests give the
+  // same faults.
+  std::uint64_t seed = 1;
+  // The Retry-After value (seconds) of every injected 503.
+  std::uint32_t retry_after_s = 1;
   // Answer 308 without a Range field.
   bool omit_range = false;
   // Report this many bytes more in the Range field of a 308 than the session holds.

@@ -1,5 +1,6 @@
 #include "tools/quire-server/http_connection.h"
 
+#include <algorithm>
 #include <boost/beast/core/bind_handler.hpp>
 #include <boost/beast/core/string.hpp>
 #include <boost/beast/http/empty_body.hpp>
@@ -9,6 +10,7 @@
 #include <boost/beast/http/write.hpp>
 #include <exception>
 #include <iostream>
+#include <sstream>
 #include <type_traits>
 
 #include "tools/quire-server/content_file_body.h"
@@ -95,6 +97,7 @@ void HttpConnection<Stream>::ReadHeader() {
   body_filled_ = 0;
   deferred_.reset();
   unread_body_ = false;
+  cut_answer_.reset();
   stream_.LimitReads(context_.faults->RequestByteLimit());
   Lowest().expires_after(first_request_ ? std::chrono::milliseconds(kFirstRequestTimeout)
                                         : context_.faults->IdleTimeout(context_.idle_timeout));
@@ -140,13 +143,13 @@ void HttpConnection<Stream>::OnHeader(beast::error_code ec, std::size_t) {
   bool expect_continue = beast::iequals(request[http::field::expect], "100-continue");
 
   ServiceHandler::Decision decision;
-  if (context_.faults->NextRequestFails()) {
-    HttpResponse busy =
-        HttpResponse::Error(503, "serviceUnavailable", "injected fault: every k-th request fails");
-    busy.Set("Retry-After", "1");
-    decision.answer = std::move(busy);
+  RequestFaults faults = context_.faults->NextRequest();
+  if (faults.fail) {
+    if (context_.verbose) log_line_ += " (injected 503)";
+    decision.answer = context_.faults->Unavailable();
   } else {
     decision = context_.handler->Begin(head);
+    if (faults.cut) CutAfterHeader(faults.cut_point);
   }
 
   if (decision.exchange) {
@@ -175,6 +178,22 @@ void HttpConnection<Stream>::OnHeader(beast::error_code ec, std::size_t) {
     return ReadBody();
   }
   Answer(std::move(answer));
+}
+
+template <class Stream>
+void HttpConnection<Stream>::CutAfterHeader(double point) {
+  if (!unread_body_) {
+    // No body to cut in the request: its answer's body is cut instead (see Send).
+    cut_answer_ = point;
+    return;
+  }
+  // A body of unknown length (chunked) is cut within its first MiB. Bytes that arrived with the
+  // header are in the buffer already and always get through.
+  std::uint64_t length = parser_->content_length().value_or(kBodyPiece);
+  std::uint64_t keep = static_cast<std::uint64_t>(point * static_cast<double>(length));
+  std::uint64_t buffered = buffer_.size();
+  stream_.LimitReads(keep > buffered ? keep - buffered : 0);
+  if (context_.verbose) log_line_ += " (injected cut after " + std::to_string(keep) + " bytes)";
 }
 
 template <class Stream>
@@ -297,10 +316,23 @@ void HttpConnection<Stream>::Send(HttpResponse response) {
     message.keep_alive(keep_alive_);
   };
   stream_.LimitWrites(context_.faults->ResponseByteLimit());
+  // An injected cut lets the header and part of the body go out, then breaks the connection.
+  auto cut = [this](const auto& message, std::uint64_t body_size) {
+    if (!cut_answer_ || body_size == 0 || head_) return;
+    std::ostringstream header;
+    header << message.base();
+    std::uint64_t keep = static_cast<std::uint64_t>(*cut_answer_ * static_cast<double>(body_size));
+    stream_.LimitWrites(std::min(context_.faults->ResponseByteLimit(), header.str().size() + keep));
+    if (context_.verbose) {
+      std::cerr << "quire-server: " << log_line_ << " (injected cut after " << keep
+                << " bytes of the answer)" << std::endl;
+    }
+  };
 
   if (response.file.valid() && !head_) {
     auto outgoing = std::make_shared<Outgoing<ContentFileBody>>();
     prepare(outgoing->message);
+    cut(outgoing->message, response.file_size);
     outgoing->message.body().Reset(std::move(response.file), response.file_offset,
                                    response.file_size);
     outgoing->message.content_length(response.file_size);
@@ -316,6 +348,7 @@ void HttpConnection<Stream>::Send(HttpResponse response) {
   } else {
     outgoing->message.body() = std::move(response.body);
     outgoing->message.content_length(outgoing->message.body().size());
+    cut(outgoing->message, outgoing->message.body().size());
   }
   outgoing->serializer.emplace(outgoing->message);
   WriteSome(std::move(outgoing));

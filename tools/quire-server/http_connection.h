@@ -2,7 +2,7 @@
 // head to the protocol logic, streams the body to the exchange it chose, and writes the answer.
 // Keep-alive is honoured; an answer given before its body was read is followed by reading and
 // discarding a small body, or by closing the connection. Faults (byte limits, delays, idle
-// closes, 503s) are applied here. All work of one connection runs on its own strand.
+// closes, 503s, random cuts) are applied here. All work of one connection runs on its own strand.
 #pragma once
 
 #include <boost/asio/ssl/stream.hpp>
@@ -45,6 +45,9 @@ class HttpConnection : public std::enable_shared_from_this<HttpConnection<Stream
   void OnHandshake(boost::beast::error_code ec);
   void ReadHeader();
   void OnHeader(boost::beast::error_code ec, std::size_t bytes);
+  // Arranges an injected cut at `point` (in [0, 1)) of the request's body, or of the answer's
+  // when the request has none.
+  void CutAfterHeader(double point);
   void OnContinueSent(boost::beast::error_code ec, std::size_t bytes);
   void ReadBody();
   void OnBody(boost::beast::error_code ec, std::size_t bytes);
@@ -80,6 +83,8 @@ class HttpConnection : public std::enable_shared_from_this<HttpConnection<Stream
   // Part of the current request's body is still unread.
   bool unread_body_ = false;
   std::shared_ptr<void> continue_;
+  // Where to cut the current answer's body (an injected fault), if at all.
+  std::optional<double> cut_answer_;
 };
 
 }  // namespace quire_server

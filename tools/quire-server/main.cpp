@@ -192,6 +192,8 @@ int Run(const CommandLine& options) {
 
 int main(int argc, char** argv) {
   CommandLine options;
+  double fail_percent = 0;
+  double cut_percent = 0;
   CLI::App app{
       "quire-server: a local emulator of the quire document service.\n"
       "Serves the user-information endpoint and the document feed of both of the library's host\n"
@@ -240,6 +242,24 @@ int main(int argc, char** argv) {
   app.add_option("--fault-fail-every", options.faults.fail_every,
                  "Answer 503 to every K-th request")
       ->group(faults);
+  app.add_option("--fault-fail-percent", fail_percent,
+                 "Answer 503 to this share (0-100, fractions allowed) of requests, chosen at "
+                 "random from --fault-seed")
+      ->check(CLI::Range(0.0, 100.0))
+      ->group(faults);
+  app.add_option("--fault-cut-percent", cut_percent,
+                 "Cut the connection of this share (0-100) of requests, chosen at random, part-way "
+                 "through the request's body (or the answer's when the request has none)")
+      ->check(CLI::Range(0.0, 100.0))
+      ->group(faults);
+  app.add_option("--fault-seed", options.faults.seed,
+                 "Seed of the random faults: the same seed and requests give the same faults")
+      ->capture_default_str()
+      ->group(faults);
+  app.add_option("--fault-retry-after", options.faults.retry_after_s,
+                 "Retry-After value (seconds) of every injected 503")
+      ->capture_default_str()
+      ->group(faults);
   app.add_flag("--fault-308-without-range", options.faults.omit_range,
                "Answer 308 without a Range field")
       ->group(faults);
@@ -256,6 +276,8 @@ int main(int argc, char** argv) {
       ->check(CLI::ExistingFile)
       ->group(faults);
   CLI11_PARSE(app, argc, argv);
+  options.faults.fail_share = fail_percent / 100.0;
+  options.faults.cut_share = cut_percent / 100.0;
   try {
     return Run(options);
   } catch (const std::exception& error) {

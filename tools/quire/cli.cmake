@@ -20,9 +20,9 @@ add_library(quire_cli_core STATIC
   ${CMAKE_CURRENT_LIST_DIR}/mapped_file.cpp
   ${CMAKE_CURRENT_LIST_DIR}/network_diagnostics.cpp
   ${CMAKE_CURRENT_LIST_DIR}/progress_bar.cpp
-  ${CMAKE_CURRENT_LIST_DIR}/progress_connection.cpp
   ${CMAKE_CURRENT_LIST_DIR}/proxy_environment.cpp
   ${CMAKE_CURRENT_LIST_DIR}/request_log.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/retry_tally.cpp
   ${CMAKE_CURRENT_LIST_DIR}/server_process.cpp
   ${CMAKE_CURRENT_LIST_DIR}/token_source.cpp
   ${CMAKE_CURRENT_LIST_DIR}/transport_installation.cpp

@@ -1,10 +1,12 @@
 #include "tools/quire/client.h"
 
 #include "kestrel/base/main_loop.h"
+#include "quire/connection/retrying_connection.h"
 #include "quire/model/docs_entry.h"
 #include "quire/model/docs_feed.h"
 #include "quire/services/docs_service.h"
 #include "quire/services/user_info_service.h"
+#include "tools/quire/retry_tally.h"
 
 namespace quire_cli {
 
@@ -20,10 +22,12 @@ constexpr double kWaitBoundSeconds = 24 * 3600;
 
 }  // namespace
 
-Client::Client(const QString& token, const FailureClassifier& classifier)
+Client::Client(const QString& token, const FailureClassifier& classifier, RetryTally* retries)
     : classifier_(classifier),
-      docs_(new kestrel::quire::DocsService()),
-      user_info_(new kestrel::quire::UserInfoService()) {
+      docs_(retries != nullptr ? new kestrel::quire::DocsService(retries->Wrap(nullptr))
+                               : new kestrel::quire::DocsService()),
+      user_info_(retries != nullptr ? new kestrel::quire::UserInfoService(retries->Wrap(nullptr))
+                                    : new kestrel::quire::UserInfoService()) {
   docs_->SetOAuth2AuthToken(token);
   user_info_->SetOAuth2AuthToken(token);
 }

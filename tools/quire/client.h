@@ -23,11 +23,15 @@ class UserInfoService;
 
 namespace quire_cli {
 
+class RetryTally;
+
 class Client {
  public:
   // The services are created at once; they send through the transport installed as the network
-  // layer's default. `token` may be empty for UserEmail, which sends none.
-  Client(const QString& token, const FailureClassifier& classifier);
+  // layer's default. `token` may be empty for UserEmail, which sends none. With `retries`
+  // (borrowed, may be null) every request follows its policy and every retry is counted there;
+  // without, each request is sent once.
+  Client(const QString& token, const FailureClassifier& classifier, RetryTally* retries = nullptr);
   ~Client();
   Client(const Client&) = delete;
   Client& operator=(const Client&) = delete;

@@ -17,13 +17,13 @@ struct ClientOptions {
   bool insecure = false;
   // Seconds that a connection attempt, or a transfer in which no byte moves, may take.
   double timeout_seconds = 60;
+  // How many times a request that failed for a passing reason (no answer, or HTTP 408, 429, 500,
+  // 502, 503, 504) is sent again, with growing waits in between; 0 turns retrying off.
+  int retries = 5;
   // Where the token is read from instead of QUIRE_TOKEN.
   QString token_file;
   // The proxy: --proxy, else the environment's proxy variables.
   ProxyEnvironment proxy;
-  // How many times a failed request may be tried again, from --retries or the profile; -1 when
-  // neither gives it (the command's own default applies).
-  int retries = -1;
   // 0 quiet; 1 one line per request on the error stream (-v); 2 also the header lines (-vv).
   int verbosity = 0;
 };

@@ -15,6 +15,7 @@
 #include "tools/quire/downloader.h"
 #include "tools/quire/exit_codes.h"
 #include "tools/quire/mapped_file.h"
+#include "tools/quire/retry_tally.h"
 #include "tools/quire/token_source.h"
 #include "tools/quire/transport_installation.h"
 #include "tools/quire/upload_state.h"
@@ -134,6 +135,13 @@ void CommandLine::Build(CLI::App* app) {
                   "Reach the service through this proxy (http://[USER:PASSWORD@]HOST:PORT) "
                   "instead of the one that https_proxy names; \"\" for none")
       ->type_name("URL");
+  app->add_option("--retries", options_.retries,
+                  "Send a request that failed for a passing reason (no answer; HTTP 408, 429, 500, "
+                  "502, 503 or 504) again up to N times, waiting longer each time (as long as the "
+                  "service asks with Retry-After); 0 turns retrying off")
+      ->type_name("N")
+      ->check(CLI::Range(0, 100))
+      ->capture_default_str();
   app->add_option("--token-file", token_file_,
                   "Read the bearer token from this file instead of QUIRE_TOKEN")
       ->type_name("FILE");
@@ -191,7 +199,8 @@ void CommandLine::Build(CLI::App* app) {
       "upload",
       "Upload FILE in chunks; an interrupted upload continues with --resume. Shows a progress "
       "bar on a terminal");
-  CLI::Option* file = upload->add_option("FILE", file_, "The file to upload (below 4 GiB)");
+  CLI::Option* file =
+      upload->add_option("FILE", file_, "The file to upload (any size the service takes)");
   CLI::Option* title =
       upload->add_option("--title", title_, "The new document's title (default: the file name)")
           ->type_name("T");
@@ -264,15 +273,28 @@ int CommandLine::Run(int argc, char** argv) {
     err() << "quire: " << what << "; see quire --help\n" << std::flush;
     return ExitCodes::Value(ExitCode::kUsage);
   }
+  retries_.reset(new RetryTally(options_.retries));
+  retried_said_ = false;
   try {
     Dispatch(&app);
     transport_.reset();  // the request log's last lines come before the command ends
     out() << std::flush;
+    // The upload's own last line says it; other commands say it on the error stream, so that
+    // their output stays what it would be without the retries.
+    if (!retried_said_ && retries_->retries() > 0) {
+      const int count = retries_->retries();
+      err() << "quire: " << count << (count == 1 ? " retry" : " retries")
+            << " after passing failures; all recovered\n"
+            << std::flush;
+    }
     return 0;
   } catch (const CliFailure& failure) {
     transport_.reset();
     out() << std::flush;
-    err() << "quire: " << failure.message() << '\n' << std::flush;
+    err() << "quire: " << failure.message();
+    const int retried = retries_->retries();
+    if (retried > 0) err() << " (" << retried << (retried == 1 ? " retry made)" : " retries made)");
+    err() << '\n' << std::flush;
     return ExitCodes::Value(failure.code());
   }
 }
@@ -345,14 +367,14 @@ QString CommandLine::StatePath() const {
 void CommandLine::Whoami() {
   InstallTransport();
   // The user-information request carries no token; none is needed.
-  Client client(QString(), transport_->classifier());
+  Client client(QString(), transport_->classifier(), retries_.get());
   out() << client.UserEmail().toStdString() << '\n';
 }
 
 void CommandLine::List() {
   const QString token = Token();
   InstallTransport();
-  Client client(token, transport_->classifier());
+  Client client(token, transport_->classifier(), retries_.get());
   const FeedSnapshot snapshot = client.List();
   if (titles_) {
     for (const DocRecord& doc : snapshot.documents) {
@@ -379,7 +401,7 @@ void CommandLine::Get() {
   // The destination is checked before anything is sent.
   if (!output_.empty()) Downloader::CheckOutputPath(Q(output_));
   InstallTransport();
-  Client client(token, transport_->classifier());
+  Client client(token, transport_->classifier(), retries_.get());
   const FeedSnapshot snapshot = client.List();
   const DocRecord doc = DocResolver(snapshot.documents).Resolve(Q(doc_));
   std::ostream* progress = host_->err_is_terminal ? host_->err : nullptr;
@@ -419,7 +441,7 @@ void CommandLine::Put() {
   MappedFile file(Q(file_));
   const QString token = Token();
   InstallTransport();
-  Client client(token, transport_->classifier());
+  Client client(token, transport_->classifier(), retries_.get());
   const FeedSnapshot snapshot = client.List();
   const DocRecord created = client.Create(snapshot.post_link, file.data());
   out() << "created " << Describe(created) << ", " << file.size() << " bytes\n";
@@ -429,7 +451,7 @@ void CommandLine::Replace() {
   MappedFile file(Q(file_));
   const QString token = Token();
   InstallTransport();
-  Client client(token, transport_->classifier());
+  Client client(token, transport_->classifier(), retries_.get());
   const FeedSnapshot snapshot = client.List();
   const DocRecord doc = DocResolver(snapshot.documents).Resolve(Q(doc_));
   const DocRecord replaced = client.Replace(doc, file.data());
@@ -439,7 +461,7 @@ void CommandLine::Replace() {
 void CommandLine::Remove() {
   const QString token = Token();
   InstallTransport();
-  Client client(token, transport_->classifier());
+  Client client(token, transport_->classifier(), retries_.get());
   const FeedSnapshot snapshot = client.List();
   const DocRecord doc = DocResolver(snapshot.documents).Resolve(Q(doc_));
   QString etag = doc.etag;
@@ -454,11 +476,12 @@ void CommandLine::Upload() {
   if (resume_) {
     const QString token = Token();
     InstallTransport();
-    Uploader uploader(token, transport_->classifier(), StatePath(), progress);
+    Uploader uploader(token, transport_->classifier(), StatePath(), progress, retries_.get());
     const DocRecord doc = uploader.Resume();
     out() << "uploaded " << Describe(doc) << ": continued at byte " << uploader.start_bytes()
           << ", " << uploader.end_bytes() << " bytes held after " << uploader.put_answers()
-          << " requests\n";
+          << " requests" << retries_->Note() << '\n';
+    retried_said_ = true;
     return;
   }
   if (file_.empty()) {
@@ -466,27 +489,29 @@ void CommandLine::Upload() {
                      "upload needs a FILE, or --resume to continue an interrupted upload; see "
                      "quire upload --help");
   }
-  // Everything local is checked before anything is sent: the size of the file first.
-  MappedFile file(Q(file_));
+  // Everything local is checked before anything is sent: the file first. It is read chunk by
+  // chunk as the upload goes, whatever its size.
+  const UploadState file = Uploader::Identify(Q(file_));
   const std::uint32_t chunk_size =
       ParseChunkSize(chunk_size_.empty() ? kDefaultChunkSize : chunk_size_);
-  const QString title = title_.empty() ? QFileInfo(file.path()).fileName() : Q(title_);
+  const QString title = title_.empty() ? QFileInfo(file.file_path).fileName() : Q(title_);
   const QString type =
       type_.empty()
-          ? QMimeDatabase().mimeTypeForFile(file.path(), QMimeDatabase::MatchExtension).name()
+          ? QMimeDatabase().mimeTypeForFile(file.file_path, QMimeDatabase::MatchExtension).name()
           : Q(type_);
   const QString token = Token();
   InstallTransport();
-  Client client(token, transport_->classifier());
+  Client client(token, transport_->classifier(), retries_.get());
   const FeedSnapshot snapshot = client.List();
   QUrl start = snapshot.resumable_create_media_link;
   if (!to_.empty())
     start = DocResolver(snapshot.documents).Resolve(Q(to_)).resumable_edit_media_link;
 
-  Uploader uploader(token, transport_->classifier(), StatePath(), progress);
-  const DocRecord doc = uploader.Upload(start, to_.empty(), &file, title, type, chunk_size);
-  out() << "uploaded " << Describe(doc) << ": " << file.size() << " bytes in "
-        << uploader.put_answers() << " chunks\n";
+  Uploader uploader(token, transport_->classifier(), StatePath(), progress, retries_.get());
+  const DocRecord doc = uploader.Upload(start, to_.empty(), file, title, type, chunk_size);
+  out() << "uploaded " << Describe(doc) << ": " << file.file_size << " bytes in "
+        << uploader.put_answers() << " chunks" << retries_->Note() << '\n';
+  retried_said_ = true;
 }
 
 void CommandLine::Config() { out() << settings_.Report(); }

@@ -18,6 +18,7 @@ class App;
 
 namespace quire_cli {
 
+class RetryTally;
 class TransportInstallation;
 
 class CommandLine {
@@ -93,6 +94,9 @@ class CommandLine {
   EffectiveSettings settings_;
 
   std::unique_ptr<TransportInstallation> transport_;
+  // The retries of the running command (from --retries); the last line tells of them.
+  std::unique_ptr<RetryTally> retries_;
+  bool retried_said_ = false;
 };
 
 }  // namespace quire_cli

@@ -11,7 +11,6 @@
 #include "tools/quire/cli_failure.h"
 #include "tools/quire/client.h"
 #include "tools/quire/doc_resolver.h"
-#include "tools/quire/mapped_file.h"
 #include "tools/quire/progress_bar.h"
 #include "tools/quire/server_process.h"
 #include "tools/quire/transport_installation.h"
@@ -144,11 +143,11 @@ void DemoRunner::Run() {
   DocRecord uploaded;
   Step(3, "upload 20 MiB in chunks", [&] {
     sha256 = Generate(path, kUploadSize);
-    MappedFile file(path);
+    const UploadState file = Uploader::Identify(path);
     const FeedSnapshot snapshot = client.List();
     Uploader uploader(token, transport.classifier(), folder.filePath(QStringLiteral("upload.json")),
                       host_->err_is_terminal ? host_->err : nullptr);
-    uploaded = uploader.Upload(snapshot.resumable_create_media_link, true, &file,
+    uploaded = uploader.Upload(snapshot.resumable_create_media_link, true, file,
                                QString::fromLatin1(kTitle),
                                QStringLiteral("application/octet-stream"), kChunkSize);
     char rate[64];

@@ -23,7 +23,6 @@ std::string DefaultText(const std::string& key) {
   if (key == "cacert") return "(the system's certificates only)";
   if (key == "token") return "(none)";
   if (key == "proxy") return "(none)";
-  if (key == "retries") return "(the command's default)";
   if (key == "profile") return "(none)";
   return "";
 }
@@ -182,6 +181,8 @@ EffectiveSettings EffectiveSettings::Resolve(const Inputs& inputs) {
       setting = {from_profile[key].first, Origin::kProfile, from_profile[key].second};
     } else if (key == "timeout") {
       setting = {"60", Origin::kDefault, ""};
+    } else if (key == "retries") {
+      setting = {std::to_string(ClientOptions().retries), Origin::kDefault, ""};
     }
   }
   Setting& token = result.settings_["token"];
@@ -213,7 +214,7 @@ void EffectiveSettings::ApplyTo(ClientOptions* options) const {
   options->cacert = QString::fromStdString(Get("cacert").value);
   options->token_file = token_file_;
   if (!Get("timeout").value.empty()) options->timeout_seconds = std::stod(Get("timeout").value);
-  options->retries = Get("retries").value.empty() ? -1 : std::stoi(Get("retries").value);
+  if (!Get("retries").value.empty()) options->retries = std::stoi(Get("retries").value);
 }
 
 std::string EffectiveSettings::Report() const {

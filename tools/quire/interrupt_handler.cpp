@@ -14,10 +14,14 @@ namespace {
 char g_buffers[2][1024];
 std::atomic<const char*> g_message{nullptr};
 std::atomic<int> g_child{-1};
+std::atomic<bool> g_cancellable{false};
+std::atomic<bool> g_cancel_requested{false};
 
 constexpr char kPlain[] = "quire: interrupted\n";
 
 void OnSignal(int) {
+  // A cancellable operation stops by itself, once; a second signal does not wait for it.
+  if (g_cancellable.load() && !g_cancel_requested.exchange(true)) return;
   const int child = g_child.load();
   if (child > 0) ::kill(child, SIGTERM);
   const char* message = g_message.load();
@@ -59,5 +63,12 @@ void InterruptHandler::SetMessage(const std::string& message) {
 namespace quire_cli {
 
 void InterruptHandler::SetChild(int pid) { g_child.store(pid); }
+
+void InterruptHandler::SetCancellable(bool cancellable) {
+  g_cancel_requested.store(false);
+  g_cancellable.store(cancellable);
+}
+
+bool InterruptHandler::CancelRequested() { return g_cancel_requested.load(); }
 
 }  // namespace quire_cli

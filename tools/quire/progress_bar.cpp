@@ -23,7 +23,7 @@ void ProgressBar::Update(std::int64_t bytes, double seconds) {
   const double rate = seconds > 0 && moved > 0 ? moved / seconds : 0;
   // The line only grows or keeps its length between redraws, but pad anyway so that a shorter
   // line never leaves characters of a longer one behind.
-  std::string line = Line(bytes, total_, rate);
+  std::string line = Line(bytes, total_, rate, retries_);
   line.resize(std::max<std::size_t>(line.size(), 72), ' ');
   *out_ << '\r' << line << std::flush;
   drawn_ = true;
@@ -34,7 +34,8 @@ void ProgressBar::Finish() {
   finished_ = true;
 }
 
-std::string ProgressBar::Line(std::int64_t bytes, std::int64_t total, double bytes_per_second) {
+std::string ProgressBar::Line(std::int64_t bytes, std::int64_t total, double bytes_per_second,
+                              int retries) {
   const double fraction =
       total > 0 ? std::min(1.0, static_cast<double>(bytes) / static_cast<double>(total)) : 1.0;
   const int filled = static_cast<int>(std::floor(fraction * kBarWidth));
@@ -49,6 +50,7 @@ std::string ProgressBar::Line(std::int64_t bytes, std::int64_t total, double byt
       line += "  " + Duration(static_cast<double>(total - bytes) / bytes_per_second) + " left";
     }
   }
+  if (retries > 0) line += "  " + std::to_string(retries) + (retries == 1 ? " retry" : " retries");
   return line;
 }
 

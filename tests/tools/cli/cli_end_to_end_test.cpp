@@ -19,162 +19,11 @@
 #include <thread>
 #include <vector>
 
-#include "quire/services/endpoints.h"
-#include "tests/tools/cli/process_runner.h"
-#include "tests/tools/quire-server/http_client.h"
-#include "tools/quire/server_process.h"
+#include "tests/tools/cli/cli_end_to_end_fixture.h"
 
 namespace {
 
-using quire_cli::ServerProcess;
-using quire_cli_test::ProcessResult;
-using quire_cli_test::ProcessRunner;
-
-constexpr char kAccount[] = "e2e@quire.example";
-constexpr char kToken[] = "e2e-token-0f1e2d3c4b5a69788796a5b4c3d2e1f0";
-
-QByteArray Pattern(std::int64_t size, std::uint64_t seed) {
-  QByteArray bytes(static_cast<int>(size), Qt::Uninitialized);
-  std::uint64_t state = seed | 1;
-  for (std::int64_t i = 0; i < size; ++i) {
-    state ^= state << 13;
-    state ^= state >> 7;
-    state ^= state << 17;
-    bytes[static_cast<int>(i)] = static_cast<char>(state);
-  }
-  return bytes;
-}
-
-QJsonArray ParseList(const ProcessResult& result) {
-  QJsonParseError error{};
-  const QJsonDocument parsed =
-      QJsonDocument::fromJson(QByteArray::fromStdString(result.out), &error);
-  EXPECT_EQ(error.error, QJsonParseError::NoError) << result.out;
-  EXPECT_TRUE(parsed.isArray()) << result.out;
-  return parsed.array();
-}
-
-std::string LastLine(const std::string& text) {
-  std::string trimmed = text;
-  while (!trimmed.empty() && (trimmed.back() == '\n' || trimmed.back() == '\r')) trimmed.pop_back();
-  const std::size_t at = trimmed.rfind('\n');
-  return at == std::string::npos ? trimmed : trimmed.substr(at + 1);
-}
-
-// The byte that "quire upload --resume" says it continued at ("...: continued at byte N, ..."), or
-// -1 when its output has no such line.
-long long ContinuedAt(const std::string& out) {
-  const std::string key = ": continued at byte ";
-  const std::size_t at = out.find(key);
-  if (at == std::string::npos) return -1;
-  std::size_t end = at + key.size();
-  while (end < out.size() && out[end] >= '0' && out[end] <= '9') ++end;
-  if (end == at + key.size() || end >= out.size() || out[end] != ',') return -1;
-  return std::stoll(out.substr(at + key.size(), end - at - key.size()));
-}
-
-class CliEndToEndTest : public ::testing::Test {
- protected:
-  void SetUp() override {
-    ASSERT_TRUE(dir_.isValid());
-    QDir().mkpath(Path("scratch"));
-    runner_.reset(new ProcessRunner(QUIRE_BINARY, Path("scratch").toStdString()));
-    runner_->SetEnv("QUIRE_TOKEN", kToken);
-    runner_->SetEnv("HOME", Path("home").toStdString());
-    runner_->SetEnv("XDG_STATE_HOME", Path("state").toStdString());
-    StartServer();
-  }
-
-  void TearDown() override {
-    if (server_) server_->Stop();
-  }
-
-  QString Path(const char* name) const { return dir_.filePath(QString::fromLatin1(name)); }
-  std::string StateFile() const { return Path("state").toStdString() + "/quire/upload.json"; }
-
-  // (Re)starts the emulator on the same data folder, with `extra` arguments (faults).
-  void StartServer(const QStringList& extra = {}) {
-    if (server_) server_->Stop();
-    ServerProcess::Settings settings;
-    settings.program = QStringLiteral(QUIRE_SERVER_BINARY);
-    settings.data_dir = Path("data");
-    settings.log_file = Path("server.log");
-    settings.account = QString::fromLatin1(kAccount);
-    settings.token = QString::fromLatin1(kToken);
-    settings.extra_arguments = extra;
-    server_.reset(new ServerProcess(settings));
-    server_->Start();
-  }
-
-  std::vector<std::string> Global() const {
-    return {"--server", server_->url().toStdString(), "--cacert",
-            server_->certificate().toStdString()};
-  }
-
-  // Runs quire with the global options that reach the emulator, then `args`.
-  ProcessResult Quire(const std::vector<std::string>& args, bool terminal = false,
-                      double timeout = 60) {
-    std::vector<std::string> all = Global();
-    all.insert(all.end(), args.begin(), args.end());
-    ProcessResult result = runner_->Run(all, timeout, terminal);
-    Check(result);
-    return result;
-  }
-
-  // What holds for every run: a failure ends with one line "quire: ...; ...", nothing shows the
-  // token.
-  static void Check(const ProcessResult& result) {
-    EXPECT_FALSE(result.timed_out);
-    if (result.exit_code != 0) {
-      const std::string last = LastLine(result.err);
-      EXPECT_EQ(last.rfind("quire: ", 0), 0u) << result.err;
-      EXPECT_NE(last.find("; "), std::string::npos) << result.err;
-    }
-    EXPECT_EQ(result.out.find(kToken), std::string::npos);
-    EXPECT_EQ(result.err.find(kToken), std::string::npos);
-  }
-
-  std::string Write(const char* name, const QByteArray& bytes) {
-    const QString path = Path(name);
-    QFile file(path);
-    EXPECT_TRUE(file.open(QIODevice::WriteOnly));
-    EXPECT_EQ(file.write(bytes), bytes.size());
-    return path.toStdString();
-  }
-
-  // The documents feed's bytes as the emulator sends them to the library, fetched without quire.
-  std::string FetchFeed() {
-    quire_server_test::HttpClient client(QUrl(server_->url()).port(),
-                                         server_->certificate().toStdString());
-    const quire_server_test::HttpResult result =
-        client.Send("GET", kestrel::quire::DocsFeedUrl,
-                    {std::string("Quire-Version: ") + kestrel::quire::kProtocolVersion,
-                     std::string("Authorization: Bearer ") + kToken});
-    EXPECT_TRUE(result.ok());
-    EXPECT_EQ(result.status, 200) << result.body;
-    return result.body;
-  }
-
-  QJsonArray List() {
-    const ProcessResult result = Quire({"ls", "--json"});
-    EXPECT_EQ(result.exit_code, 0) << result.err;
-    return ParseList(result);
-  }
-
-  QByteArray Get(const std::string& doc) {
-    const std::string target = Path("got.bin").toStdString();
-    QFile::remove(QString::fromStdString(target));
-    const ProcessResult result = Quire({"get", doc, "-o", target});
-    EXPECT_EQ(result.exit_code, 0) << result.err;
-    QFile file(QString::fromStdString(target));
-    EXPECT_TRUE(file.open(QIODevice::ReadOnly));
-    return file.readAll();
-  }
-
-  QTemporaryDir dir_;
-  std::unique_ptr<ProcessRunner> runner_;
-  std::unique_ptr<ServerProcess> server_;
-};
+using namespace quire_cli_test;
 
 TEST_F(CliEndToEndTest, WhoamiNamesTheAccount) {
   const ProcessResult result = Quire({"whoami"});
@@ -362,11 +211,13 @@ TEST_F(CliEndToEndTest, AServerThatIsDownIsANetworkFailure) {
   const std::vector<std::string> global = Global();
   server_->Stop();
   std::vector<std::string> args = global;
-  args.push_back("ls");
+  // Retried, a refused connection stays refused; one retry is enough to show it.
+  for (const char* arg : {"--retries", "1", "ls"}) args.push_back(arg);
   const ProcessResult result = runner_->Run(args);
   Check(result);
   EXPECT_EQ(result.exit_code, 3) << result.err;
   EXPECT_NE(result.err.find("connection refused"), std::string::npos) << result.err;
+  EXPECT_NE(result.err.find("(1 retry made)"), std::string::npos) << result.err;
 }
 
 TEST_F(CliEndToEndTest, AnUntrustedCertificateIsRefusedUnlessInsecureIsSpelledOut) {
@@ -380,19 +231,20 @@ TEST_F(CliEndToEndTest, AnUntrustedCertificateIsRefusedUnlessInsecureIsSpelledOu
 }
 
 TEST_F(CliEndToEndTest, EmulatorFaultsEndInTheirClasses) {
+  // One failure of each kind, without retries (CliRetryTest has them).
   StartServer({QStringLiteral("--fault-fail-every"), QStringLiteral("1")});
-  ProcessResult result = Quire({"ls"});
+  ProcessResult result = Quire({"--retries", "0", "ls"});
   EXPECT_EQ(result.exit_code, 7) << result.err;
   EXPECT_NE(result.err.find("HTTP 503"), std::string::npos) << result.err;
 
   // The answer's head arrives, its body is cut short.
   StartServer({QStringLiteral("--fault-close-response-after"), QStringLiteral("400")});
-  result = Quire({"ls"});
+  result = Quire({"--retries", "0", "ls"});
   EXPECT_EQ(result.exit_code, 3) << result.err;
   EXPECT_NE(result.err.find("broke while listing the documents"), std::string::npos) << result.err;
 
   StartServer({QStringLiteral("--fault-delay-ms"), QStringLiteral("3000")});
-  result = Quire({"--timeout", "1", "ls"});
+  result = Quire({"--retries", "0", "--timeout", "1", "ls"});
   EXPECT_EQ(result.exit_code, 3) << result.err;
   EXPECT_NE(result.err.find("--timeout"), std::string::npos) << result.err;
   EXPECT_LT(result.seconds, 2.9);
@@ -408,7 +260,10 @@ TEST_F(CliEndToEndTest, AnUploadCutByTheServerFinishesWithResumeByteExact) {
   const std::string file = Write("cut.bin", bytes);
   // Every request that carries more than 1.5 MiB is cut off: the second chunk never arrives.
   StartServer({QStringLiteral("--fault-close-request-after"), QString::number(1536 * 1024)});
-  ProcessResult result = Quire({"upload", file, "--title", "Cut", "--chunk-size", "2MiB"});
+  // Without retries the upload stops at the first cut (with them it goes on by itself:
+  // CliRetryTest).
+  ProcessResult result =
+      Quire({"--retries", "0", "upload", file, "--title", "Cut", "--chunk-size", "2MiB"});
   EXPECT_EQ(result.exit_code, 3) << result.err;
   EXPECT_NE(result.err.find("quire upload --resume"), std::string::npos) << result.err;
   ASSERT_TRUE(QFile::exists(QString::fromStdString(StateFile())));
@@ -467,13 +322,14 @@ TEST_F(CliEndToEndTest, AnUploadStoppedWithCtrlCFinishesWithResumeByteExact) {
   EXPECT_EQ(Get("Slow"), bytes);
 }
 
-TEST_F(CliEndToEndTest, AFileOfFourGibibytesIsRefusedBeforeAnythingIsSent) {
+// put sends the whole file in one request; upload takes files of any size (CliLargeUploadTest).
+TEST_F(CliEndToEndTest, AFileOfFourGibibytesIsRefusedByPutBeforeAnythingIsSent) {
   const QString path = Path("huge.bin");
   QFile file(path);
   ASSERT_TRUE(file.open(QIODevice::WriteOnly));
   ASSERT_TRUE(file.resize(std::int64_t{1} << 32));
   file.close();
-  for (const char* command : {"upload", "put"}) {
+  for (const char* command : {"put"}) {
     const ProcessResult result = Quire({command, path.toStdString()});
     EXPECT_EQ(result.exit_code, 1) << result.err;
     EXPECT_NE(result.err.find("unsigned 32 bits"), std::string::npos) << result.err;

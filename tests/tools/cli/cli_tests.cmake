@@ -9,7 +9,6 @@ quire_add_test(quire_cli_test
     ${CMAKE_CURRENT_LIST_DIR}/failure_classifier_test.cpp
     ${CMAKE_CURRENT_LIST_DIR}/mapped_file_test.cpp
     ${CMAKE_CURRENT_LIST_DIR}/progress_bar_test.cpp
-    ${CMAKE_CURRENT_LIST_DIR}/progress_connection_test.cpp
     ${CMAKE_CURRENT_LIST_DIR}/settings_test.cpp
     ${CMAKE_CURRENT_LIST_DIR}/token_source_test.cpp
     ${CMAKE_CURRENT_LIST_DIR}/upload_state_test.cpp
@@ -22,6 +21,7 @@ if(TARGET quire-server AND TARGET quire_cli)
       ${CMAKE_CURRENT_LIST_DIR}/cli_download_test.cpp
       ${CMAKE_CURRENT_LIST_DIR}/cli_end_to_end_test.cpp
       ${CMAKE_CURRENT_LIST_DIR}/cli_settings_end_to_end_test.cpp
+      ${CMAKE_CURRENT_LIST_DIR}/cli_retry_test.cpp
       ${CMAKE_CURRENT_LIST_DIR}/process_runner.cpp
     LIBS quire_cli_core quire_server_test_support)
   target_compile_definitions(quire_cli_end_to_end_test PRIVATE
@@ -50,4 +50,19 @@ if(TARGET quire_cli)
     COMMAND bash ${CMAKE_CURRENT_LIST_DIR}/completion_check.sh
       ${PROJECT_SOURCE_DIR}/tools/quire/completion/quire.bash $<TARGET_FILE:quire_cli>)
   set_tests_properties(quire_completion PROPERTIES TIMEOUT 120)
+
+  # An upload of 5 GiB through the program: minutes of disk and network, in the plain suite only.
+  add_executable(quire_cli_large_upload_test
+    ${CMAKE_CURRENT_LIST_DIR}/cli_large_upload_test.cpp
+    ${CMAKE_CURRENT_LIST_DIR}/process_runner.cpp)
+  quire_warnings(quire_cli_large_upload_test)
+  target_include_directories(quire_cli_large_upload_test PRIVATE ${PROJECT_SOURCE_DIR})
+  target_link_libraries(quire_cli_large_upload_test PRIVATE
+    quire_cli_core GTest::gtest GTest::gtest_main)
+  target_compile_definitions(quire_cli_large_upload_test PRIVATE
+    QUIRE_BINARY="$<TARGET_FILE:quire_cli>"
+    QUIRE_SERVER_BINARY="$<TARGET_FILE:quire-server>")
+  add_dependencies(quire_cli_large_upload_test quire_cli quire-server)
+  gtest_discover_tests(quire_cli_large_upload_test DISCOVERY_TIMEOUT 60
+    PROPERTIES TIMEOUT 900 LABELS heavy)
 endif()

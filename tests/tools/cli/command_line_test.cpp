@@ -392,7 +392,7 @@ TEST_F(CommandLineTest, EachFailureClassHasItsExitCode) {
   };
   for (const Case& c : cases) {
     Enqueue(c.code, c.body);
-    const Result result = Run({"ls"});
+    const Result result = Run({"--retries", "0", "ls"});
     EXPECT_EQ(result.code, c.exit) << c.says << "\n" << result.err;
     EXPECT_NE(result.err.find(c.says), std::string::npos) << result.err;
     EXPECT_TRUE(result.out.empty());
@@ -550,7 +550,7 @@ TEST_F(CommandLineTest, UploadSendsTheFileInChunksAndForgetsItsStateWhenDone) {
   Enqueue(Http(200), Feed({}));
   Enqueue(Http(200), QByteArray(), {QStringLiteral("Location: ") + kSession});
   Enqueue(Http(308), QByteArray(), {QStringLiteral("Range: bytes=0-9")});
-  Enqueue(Http(308), QByteArray(), {QStringLiteral("Range: bytes=0-18")});
+  Enqueue(Http(308), QByteArray(), {QStringLiteral("Range: bytes=0-19")});
   Enqueue(Http(201),
           Entry({QStringLiteral("d7"), QStringLiteral("My notes"), QStringLiteral("\"e7\"")}));
   const Result result = Run({"upload", file.toStdString(), "--title", "My notes", "--chunk-size",
@@ -571,9 +571,10 @@ TEST_F(CommandLineTest, UploadSendsTheFileInChunksAndForgetsItsStateWhenDone) {
   EXPECT_EQ(LineValue(sent[1], QStringLiteral("Authorization")),
             QStringLiteral("Bearer ") + kToken);
   EXPECT_EQ(LineValue(sent[2], QStringLiteral("Content-Range")), QStringLiteral("bytes 0-9/25"));
-  EXPECT_EQ(LineValue(sent[3], QStringLiteral("Content-Range")), QStringLiteral("bytes 9-18/25"));
-  EXPECT_EQ(LineValue(sent[4], QStringLiteral("Content-Range")), QStringLiteral("bytes 18-24/25"));
-  EXPECT_EQ(bodies_[4], bytes.mid(18));
+  // Each chunk starts right after the last byte the service holds.
+  EXPECT_EQ(LineValue(sent[3], QStringLiteral("Content-Range")), QStringLiteral("bytes 10-19/25"));
+  EXPECT_EQ(LineValue(sent[4], QStringLiteral("Content-Range")), QStringLiteral("bytes 20-24/25"));
+  EXPECT_EQ(bodies_[4], bytes.mid(20));
   for (std::size_t i = 2; i < 5; ++i) EXPECT_EQ(sent[i].url, kSession);
 }
 
@@ -583,7 +584,7 @@ TEST_F(CommandLineTest, OnATerminalUploadShowsProgress) {
   Enqueue(Http(200), Feed({}));
   Enqueue(Http(200), QByteArray(), {QStringLiteral("Location: ") + kSession});
   Enqueue(Http(308), QByteArray(), {QStringLiteral("Range: bytes=0-9")});
-  Enqueue(Http(308), QByteArray(), {QStringLiteral("Range: bytes=0-18")});
+  Enqueue(Http(308), QByteArray(), {QStringLiteral("Range: bytes=0-19")});
   Enqueue(Http(201),
           Entry({QStringLiteral("d8"), QStringLiteral("p.bin"), QStringLiteral("\"e8\"")}));
   const Result result =
@@ -605,8 +606,8 @@ TEST_F(CommandLineTest, AnInterruptedUploadKeepsItsStateAndContinuesWithResume) 
   Enqueue(Http(200), QByteArray(), {QStringLiteral("Location: ") + kSession});
   Enqueue(Http(308), QByteArray(), {QStringLiteral("Range: bytes=0-9")});
   Enqueue(kestrel::net::status::kErrorConnectionReset);
-  Result result = Run({"upload", file.toStdString(), "--type", "application/x-test", "--chunk-size",
-                       "10", "--state-file", StateFile()});
+  Result result = Run({"--retries", "0", "upload", file.toStdString(), "--type",
+                       "application/x-test", "--chunk-size", "10", "--state-file", StateFile()});
   EXPECT_EQ(result.code, 3) << result.err;
   EXPECT_NE(result.err.find("the service holds 10 of 25 bytes"), std::string::npos) << result.err;
   EXPECT_NE(result.err.find("quire upload --resume --state-file " + StateFile()), std::string::npos)
@@ -621,7 +622,7 @@ TEST_F(CommandLineTest, AnInterruptedUploadKeepsItsStateAndContinuesWithResume) 
 
   const std::size_t before = transport_.requests().size();
   Enqueue(Http(308), QByteArray(), {QStringLiteral("Range: bytes=0-9")});
-  Enqueue(Http(308), QByteArray(), {QStringLiteral("Range: bytes=0-18")});
+  Enqueue(Http(308), QByteArray(), {QStringLiteral("Range: bytes=0-19")});
   Enqueue(Http(201),
           Entry({QStringLiteral("d3"), QStringLiteral("big.bin"), QStringLiteral("\"e3\"")}));
   result = Run({"upload", "--resume", "--state-file", StateFile()});
@@ -640,12 +641,12 @@ TEST_F(CommandLineTest, AnInterruptedUploadKeepsItsStateAndContinuesWithResume) 
   EXPECT_TRUE(bodies_[before].isEmpty());
   EXPECT_EQ(LineValue(sent[before], QStringLiteral("Content-Range")), QStringLiteral("bytes */25"));
   EXPECT_EQ(LineValue(sent[before + 1], QStringLiteral("Content-Range")),
-            QStringLiteral("bytes 9-18/25"));
+            QStringLiteral("bytes 10-19/25"));
   EXPECT_EQ(LineValue(sent[before + 1], QStringLiteral("Content-Type")),
             QStringLiteral("application/x-test"));
-  EXPECT_EQ(bodies_[before + 1], bytes.mid(9, 10));
+  EXPECT_EQ(bodies_[before + 1], bytes.mid(10, 10));
   EXPECT_EQ(LineValue(sent[before + 2], QStringLiteral("Content-Range")),
-            QStringLiteral("bytes 18-24/25"));
+            QStringLiteral("bytes 20-24/25"));
 }
 
 TEST_F(CommandLineTest, ResumeOfASessionThatHoldsNothingStartsAtZero) {
@@ -723,12 +724,12 @@ TEST_F(CommandLineTest, ResumeOfASessionThatIsGoneIsNotFoundAndForgetsTheState) 
   EXPECT_FALSE(QFile::exists(QString::fromStdString(StateFile())));
 }
 
-TEST_F(CommandLineTest, AnUploadAnswerWithoutRangeIsUnreadable) {
+TEST_F(CommandLineTest, AnUploadAnswerWithARangeBeyondTheDataIsUnreadable) {
   const QString file = Write(QStringLiteral("r.bin"), Pattern(25));
   Enqueue(Http(200), Feed({}));
   Enqueue(Http(200), QByteArray(), {QStringLiteral("Location: ") + kSession});
   Enqueue(Http(308), QByteArray(), {QStringLiteral("Range: bytes=0-9")});
-  Enqueue(Http(308));
+  Enqueue(Http(308), QByteArray(), {QStringLiteral("Range: bytes=0-99")});
   const Result result =
       Run({"upload", file.toStdString(), "--chunk-size", "10", "--state-file", StateFile()});
   EXPECT_EQ(result.code, 8) << result.err;
@@ -750,17 +751,82 @@ TEST_F(CommandLineTest, UploadToADocumentStartsAtItsResumableEditAddress) {
   EXPECT_TRUE(bodies_[1].isEmpty());
 }
 
-TEST_F(CommandLineTest, UploadOfAFileOfFourGibibytesIsRefusedBeforeAnythingIsSent) {
+TEST_F(CommandLineTest, AnUploadOfFiveGibibytesAnnouncesItsWholeLength) {
   const QString path = dir_.filePath(QStringLiteral("huge.bin"));
   QFile file(path);
   ASSERT_TRUE(file.open(QIODevice::WriteOnly));
-  ASSERT_TRUE(file.resize(std::int64_t{1} << 32));
+  ASSERT_TRUE(file.resize(std::int64_t{5} << 30));
   file.close();
-  const Result result = Run({"upload", path.toStdString(), "--state-file", StateFile()});
-  EXPECT_EQ(result.code, 1);
-  EXPECT_NE(result.err.find("unsigned 32 bits"), std::string::npos) << result.err;
-  EXPECT_EQ(transport_.requests().size(), 0u);
-  EXPECT_EQ(transports_made_, 0);
+  Enqueue(Http(200), Feed({}));
+  Enqueue(Http(403));
+  const Result result =
+      Run({"--retries", "0", "upload", path.toStdString(), "--state-file", StateFile()});
+  EXPECT_EQ(result.code, 4) << result.err;
+  ASSERT_EQ(transport_.requests().size(), 2u);
+  EXPECT_EQ(LineValue(transport_.requests()[1], QStringLiteral("X-Upload-Content-Length")),
+            QStringLiteral("5368709120"));
+}
+
+TEST_F(CommandLineTest, PassingFailuresAreRetriedAndTheErrorStreamSaysSo) {
+  Enqueue(Http(503), QByteArray(), {QStringLiteral("Retry-After: 0")});
+  Enqueue(kestrel::net::status::kErrorConnectionReset);
+  Enqueue(Http(200), Feed(TwoDocs()));
+  Result result = Run({"ls"});
+  EXPECT_EQ(result.code, 0) << result.err;
+  EXPECT_NE(result.out.find("Notes"), std::string::npos) << result.out;
+  EXPECT_EQ(result.err, "quire: 2 retries after passing failures; all recovered\n");
+  EXPECT_EQ(transport_.requests().size(), 3u);
+
+  // A failure that does not pass is not retried.
+  Enqueue(Http(404));
+  result = Run({"ls"});
+  EXPECT_EQ(result.code, 5) << result.err;
+  EXPECT_EQ(result.err.find("retries made"), std::string::npos) << result.err;
+
+  // Retries that run out say how many were made.
+  for (int i = 0; i < 3; ++i) Enqueue(Http(503), QByteArray(), {QStringLiteral("Retry-After: 0")});
+  result = Run({"--retries", "2", "ls"});
+  EXPECT_EQ(result.code, 7) << result.err;
+  EXPECT_NE(result.err.find("HTTP 503"), std::string::npos) << result.err;
+  EXPECT_NE(result.err.find("(2 retries made)\n"), std::string::npos) << result.err;
+}
+
+TEST_F(CommandLineTest, RetriesMustBeACountFromZeroToAHundred) {
+  for (const char* bad : {"-1", "101", "many"}) {
+    const Result result = Run({"--retries", bad, "ls"});
+    EXPECT_EQ(result.code, 2) << bad;
+    EXPECT_NE(result.err.find("--retries"), std::string::npos) << result.err;
+  }
+}
+
+TEST_F(CommandLineTest, AnUploadGoesOnByItselfAfterAChunkFailedAndItsLastLineSaysSo) {
+  const QByteArray bytes = Pattern(25);
+  const QString file = Write(QStringLiteral("retry.bin"), bytes);
+  Enqueue(Http(200), Feed({}));
+  Enqueue(Http(200), QByteArray(), {QStringLiteral("Location: ") + kSession});
+  Enqueue(Http(308), QByteArray(), {QStringLiteral("Range: bytes=0-9")});
+  // The second chunk meets a reset connection, then a 503: each time the session is asked where
+  // it stands and the chunk goes again.
+  Enqueue(kestrel::net::status::kErrorConnectionReset);
+  Enqueue(Http(308), QByteArray(), {QStringLiteral("Range: bytes=0-9")});
+  Enqueue(Http(503), QByteArray(), {QStringLiteral("Retry-After: 0")});
+  Enqueue(Http(308), QByteArray(), {QStringLiteral("Range: bytes=0-9")});
+  Enqueue(Http(308), QByteArray(), {QStringLiteral("Range: bytes=0-19")});
+  Enqueue(Http(201),
+          Entry({QStringLiteral("d8"), QStringLiteral("retry.bin"), QStringLiteral("\"e8\"")}));
+  const Result result =
+      Run({"upload", file.toStdString(), "--chunk-size", "10", "--state-file", StateFile()});
+  EXPECT_EQ(result.code, 0) << result.err;
+  EXPECT_EQ(result.out,
+            "uploaded \"retry.bin\" (id d8, entity tag \"e8\"): 25 bytes in 3 chunks, after 2 "
+            "retries\n");
+  const auto& sent = transport_.requests();
+  ASSERT_EQ(sent.size(), 9u);
+  EXPECT_EQ(LineValue(sent[4], QStringLiteral("Content-Range")), QStringLiteral("bytes */25"));
+  EXPECT_TRUE(bodies_[4].isEmpty());
+  for (std::size_t i : {3u, 5u, 7u}) EXPECT_EQ(bodies_[i], bytes.mid(10, 10)) << i;
+  EXPECT_EQ(bodies_[8], bytes.mid(20));
+  EXPECT_FALSE(QFile::exists(QString::fromStdString(StateFile())));
 }
 
 TEST_F(CommandLineTest, UploadOfAnEmptyFileIsRefused) {
@@ -775,7 +841,8 @@ TEST_F(CommandLineTest, AnUploadThatFailsBeforeItsSessionOpensLeavesNoState) {
   const QString file = Write(QStringLiteral("s.bin"), Pattern(5));
   Enqueue(Http(200), Feed({}));
   Enqueue(Http(503));
-  const Result result = Run({"upload", file.toStdString(), "--state-file", StateFile()});
+  const Result result =
+      Run({"--retries", "0", "upload", file.toStdString(), "--state-file", StateFile()});
   EXPECT_EQ(result.code, 7);
   EXPECT_NE(result.err.find("start the upload again"), std::string::npos) << result.err;
   EXPECT_FALSE(QFile::exists(QString::fromStdString(StateFile())));

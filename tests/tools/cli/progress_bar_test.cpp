@@ -32,6 +32,21 @@ TEST(ProgressBarTest, TheLineShowsBarBytesRateAndTimeLeft) {
             "[########################]  20.0 MiB / 20.0 MiB  4.0 MiB/s");
 }
 
+TEST(ProgressBarTest, TheLineSaysWhenRequestsWereRetried) {
+  const std::int64_t mib = 1024 * 1024;
+  EXPECT_EQ(ProgressBar::Line(10 * mib, 20 * mib, 5.0 * mib, 1),
+            "[############............]  10.0 MiB / 20.0 MiB  5.0 MiB/s  2 s left  1 retry");
+  EXPECT_EQ(ProgressBar::Line(0, 20 * mib, 0, 3),
+            "[........................]  0 B / 20.0 MiB  3 retries");
+  std::ostringstream out;
+  ProgressBar bar(&out, 1000, 0);
+  bar.Update(100, 0.5);
+  bar.set_retries(2);
+  bar.Update(1000, 0.7);
+  // Only the line drawn after the retries says so.
+  EXPECT_EQ(out.str().find("retr"), out.str().find("2 retries") + 2) << out.str();
+}
+
 TEST(ProgressBarTest, RedrawsInPlaceAtMostTenTimesASecondAndAlwaysAtTheEnd) {
   std::ostringstream out;
   ProgressBar bar(&out, 1000, 0);
