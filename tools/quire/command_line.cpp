@@ -29,9 +29,6 @@ namespace quire_cli {
 namespace {
 
 constexpr char kDefaultChunkSize[] = "8MiB";
-// Attempts in a row without a new byte before a download gives up on a transient failure.
-constexpr int kDownloadAttempts = 5;
-
 QString Q(const std::string& text) { return QString::fromStdString(text); }
 
 std::string Describe(const DocRecord& doc) {
@@ -405,7 +402,7 @@ void CommandLine::Get() {
   const FeedSnapshot snapshot = client.List();
   const DocRecord doc = DocResolver(snapshot.documents).Resolve(Q(doc_));
   std::ostream* progress = host_->err_is_terminal ? host_->err : nullptr;
-  Downloader downloader(client.docs(), transport_->classifier(), progress, kDownloadAttempts);
+  Downloader downloader(client.docs(), transport_->classifier(), progress, options_.retries + 1);
   if (output_.empty()) {
     std::ostream& stream = out();
     downloader.ToStream(doc, [&stream](const char* data, std::size_t size) {
