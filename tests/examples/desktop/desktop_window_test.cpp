@@ -252,8 +252,8 @@ TEST_F(DesktopWindowTest, FileChangedDuringItsUploadIsNotUploaded) {
   window.reset();
 }
 
-// A service that answers 503 to every third request: the sign-in, the listing and the upload's
-// POST and chunks are sent again, and the person sees only the upload succeed.
+// A service that answers 503 (Retry-After: 1) to every third request: the sign-in, the listing and
+// the upload's chunks are sent again, and the person sees only the upload succeed.
 TEST_F(DesktopWindowTest, TransientFailuresAreRetried) {
   ASSERT_NO_FATAL_FAILURE(StartEmulator({"--fault-fail-every", "3"}));
   auto window = std::make_unique<MainWindow>(QStringLiteral("quire-demo-token"), 256 * 1024);
@@ -262,7 +262,7 @@ TEST_F(DesktopWindowTest, TransientFailuresAreRetried) {
       RunQtLoop([&] { return !window->busy() && window->account_text().contains('@'); }, 30.0))
       << window->account_text().toStdString() << " / " << window->message_text().toStdString();
   EXPECT_TRUE(window->message_text().isEmpty()) << window->message_text().toStdString();
-  const QByteArray notes = Pattern(1024 * 1024 + 5, 6);
+  const QByteArray notes = Pattern(300 * 1024, 6);
   window->UploadFile(WriteFile("notes.bin", notes));
   ASSERT_TRUE(RunQtLoop([&] { return !window->busy() && window->table()->rowCount() == 1; }, 60.0))
       << window->message_text().toStdString();
