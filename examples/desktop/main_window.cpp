@@ -305,6 +305,12 @@ void MainWindow::UploadFile(const QString& path) {
                                      "stopped. Upload it again once it no longer changes.")
                           .arg(path),
                       true);
+        } else if (error == Uploader::kSessionGone || error == Uploader::kBadRange ||
+                   error == Uploader::kNoSessionAddress) {
+          ShowMessage(QStringLiteral("The service lost track of the upload of %1, so nothing was "
+                                     "created. Upload it again.")
+                          .arg(upload_title_),
+                      true);
         } else {
           ShowMessage(Explain(info.status, QStringLiteral("uploading ") + upload_title_), true);
         }

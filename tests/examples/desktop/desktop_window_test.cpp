@@ -227,13 +227,23 @@ TEST_F(DesktopWindowTest, ListUploadCancelDownloadDelete) {
   window.reset();
 }
 
-// The file is read as the upload goes: one that grows half-way is noticed before a changed byte is
-// sent, the window says so, and no document is created (an upload of a snapshot taken at the start
-// would have completed with bytes that no longer match the file).
-TEST_F(DesktopWindowTest, FileChangedDuringItsUploadIsNotUploaded) {
+// A folder or an empty file is refused at once. The file is read as the upload goes: one that grows
+// half-way is noticed before a changed byte is sent, the window says so, and no document is
+// created (an upload of a snapshot taken at the start would have completed with stale bytes).
+TEST_F(DesktopWindowTest, UnusableOrChangingFileIsNotUploaded) {
   auto window = std::make_unique<MainWindow>(QStringLiteral("quire-demo-token"), 256 * 1024);
   window->show();
   ASSERT_TRUE(RunQtLoop([&] { return !window->busy(); }, 30.0));
+  // What cannot be uploaded is said at once, and nothing starts.
+  window->UploadFile(dir_.path());
+  EXPECT_FALSE(window->uploading());
+  EXPECT_TRUE(window->message_text().contains(QLatin1String("not a readable file")))
+      << window->message_text().toStdString();
+  window->UploadFile(WriteFile("empty.txt", QByteArray()));
+  EXPECT_FALSE(window->uploading());
+  EXPECT_TRUE(window->message_text().contains(QLatin1String("nothing to upload")))
+      << window->message_text().toStdString();
+
   const QString path = WriteFile("growing.log", Pattern(24 * 1024 * 1024, 4));
   window->UploadFile(path);
   ASSERT_TRUE(RunQtLoop([&] { return window->progress()->value() >= 100; }, 60.0));
