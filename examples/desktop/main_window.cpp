@@ -15,12 +15,9 @@
 #include <QStatusBar>
 #include <QTableWidget>
 #include <QVBoxLayout>
-#include <limits>
 
 #include <kestrel/base/main_loop.h>
 #include <quire/quire.h>
-
-#include "upload_connection.h"
 
 namespace desktop_example {
 namespace {
@@ -33,24 +30,45 @@ const char kUploadUrl[] = "https://docs.quire.example/upload/feeds/default/priva
 
 QString XmlEscaped(const QString& text) { return text.toHtmlEscaped(); }
 
+// The retries of the window's requests: a few, soon, so that a person waits seconds, not minutes,
+// for a message when the service stays away.
+kestrel::quire::RetryPolicy WindowPolicy() {
+  kestrel::quire::RetryPolicy policy;
+  policy.set_max_attempts(3);
+  policy.set_base_backoff_seconds(0.25);
+  policy.set_max_backoff_seconds(2.0);
+  policy.set_total_deadline_seconds(15.0);
+  return policy;
+}
+
+// The retries of an upload: more patient, since a large upload that has come far is worth a wait;
+// any progress starts the count again, so only a service that stays away ends it.
+kestrel::quire::RetryPolicy UploadPolicy() {
+  kestrel::quire::RetryPolicy policy;
+  policy.set_max_attempts(6);
+  policy.set_base_backoff_seconds(0.5);
+  policy.set_max_backoff_seconds(8.0);
+  policy.set_total_deadline_seconds(60.0);
+  return policy;
+}
+
 }  // namespace
 
 MainWindow::MainWindow(const QString& token, std::uint32_t chunk_size, QWidget* parent)
     : QMainWindow(parent), alive_(std::make_shared<bool>(true)) {
-  docs_ = new kestrel::quire::DocsService();
+  // Each service owns its retrying connection, which owns a Connection of its own.
+  docs_ = new kestrel::quire::DocsService(
+      new kestrel::quire::RetryingConnection(nullptr, WindowPolicy()));
   docs_->SetOAuth2AuthToken(token);
-  user_info_ = new kestrel::quire::UserInfoService();
+  user_info_ = new kestrel::quire::UserInfoService(
+      new kestrel::quire::RetryingConnection(nullptr, WindowPolicy()));
   user_info_->SetOAuth2AuthToken(token);
-  upload_connection_ = new UploadConnection(
-      new kestrel::quire::Connection(), [this](std::uint64_t held, std::uint64_t total) {
-        if (total == 0) return;
-        progress_->setValue(static_cast<int>(held * 1000 / total));
-        ++progress_moves_;
-      });
+  // The uploader applies its own policy, so its connection is a plain one.
+  upload_connection_ = new kestrel::quire::Connection();
   upload_connection_->Init(
       {QStringLiteral("Quire-Version: %1").arg(QLatin1String(kestrel::quire::kProtocolVersion)),
        QStringLiteral("Authorization: Bearer ") + token});
-  uploads_ = new kestrel::quire::ConnectionUtils(chunk_size, upload_connection_);
+  uploader_ = new kestrel::quire::ResumableUploader(upload_connection_, chunk_size, UploadPolicy());
 
   setWindowTitle(QStringLiteral("quire documents"));
   setAcceptDrops(true);
@@ -108,6 +126,17 @@ MainWindow::MainWindow(const QString& token, std::uint32_t chunk_size, QWidget* 
   connect(table_, &QTableWidget::itemSelectionChanged, this, [this] { UpdateButtons(); });
   resize(820, 480);
 
+  // Byte progress as the chunks leave: the bar moves within a chunk, not only between two.
+  uploader_->set_progress_callback(
+      [this](const kestrel::quire::ResumableUploader::Progress& progress) {
+        if (progress.total_bytes <= 0) return;
+        const int value = static_cast<int>(progress.bytes_sent * 1000 / progress.total_bytes);
+        if (value != progress_->value()) {
+          progress_->setValue(value);
+          ++progress_moves_;
+        }
+      });
+
   std::weak_ptr<bool> alive = alive_;
   user_info_->GetUserEmail([this, alive](NetworkResponseInfo info, QString email) {
     if (alive.expired()) return;
@@ -118,12 +147,14 @@ MainWindow::MainWindow(const QString& token, std::uint32_t chunk_size, QWidget* 
 }
 
 MainWindow::~MainWindow() {
-  // The library's objects may go only after their last callback: let what is in flight end.
+  // The services may go only after their last callback: let what is in flight end. The uploader
+  // may go at any time (a running upload is dropped, its request stopped), but the transfers are
+  // cancelled first so that the wait is short.
   CancelUpload();
   kestrel::MainLoop::Default()->RunUntil([this] { return !busy(); }, 60.0);
   alive_.reset();
   content_download_.reset();
-  delete uploads_;
+  delete uploader_;
   delete upload_connection_;
   delete user_info_;
   delete docs_;
@@ -141,7 +172,7 @@ void MainWindow::UpdateButtons() {
   const bool selected = Selected() != nullptr;
   refresh_->setEnabled(!listing_);
   upload_->setEnabled(!uploading_);
-  cancel_->setEnabled((uploading_ && !upload_connection_->stopping()) || downloading_);
+  cancel_->setEnabled(uploading_ || downloading_);
   download_->setEnabled(selected && !downloading_);
   delete_->setEnabled(selected && !deleting_);
 }
@@ -233,53 +264,53 @@ void MainWindow::UploadFile(const QString& path) {
     ShowMessage(QStringLiteral("An upload is under way; wait for it or cancel it first."), true);
     return;
   }
-  upload_file_.setFileName(path);
-  if (!upload_file_.open(QIODevice::ReadOnly)) {
-    ShowMessage(QStringLiteral("Cannot read %1: %2.").arg(path, upload_file_.errorString()), true);
+  const QFileInfo info(path);
+  if (!info.isFile() || !info.isReadable()) {
+    ShowMessage(QStringLiteral("Cannot read %1: it is not a readable file.").arg(path), true);
     return;
   }
-  const qint64 size = upload_file_.size();
-  if (size <= 0 || size >= (qint64(1) << 32) || size > std::numeric_limits<int>::max()) {
-    upload_file_.close();
-    ShowMessage(size <= 0
-                    ? QStringLiteral("%1 is empty; there is nothing to upload.").arg(path)
-                    : QStringLiteral("%1 is too large: uploads must stay below 2 GiB.").arg(path),
-                true);
+  if (info.size() == 0) {
+    ShowMessage(QStringLiteral("%1 is empty; there is nothing to upload.").arg(path), true);
     return;
   }
-  // Mapped, not read: the window stays light and responsive whatever the file's size.
-  uchar* mapped = upload_file_.map(0, size);
-  if (mapped == nullptr) {
-    upload_file_.close();
-    ShowMessage(QStringLiteral("Cannot read %1: %2.").arg(path, upload_file_.errorString()), true);
-    return;
-  }
-  upload_data_ =
-      QByteArray::fromRawData(reinterpret_cast<const char*>(mapped), static_cast<int>(size));
-  upload_title_ = QFileInfo(path).fileName();
+  upload_title_ = info.fileName();
   uploading_ = true;
   progress_moves_ = 0;
   progress_->setValue(0);
   ShowMessage(QStringLiteral("Uploading %1…").arg(upload_title_), false);
   UpdateButtons();
   std::weak_ptr<bool> alive = alive_;
-  uploads_->ResumableUpload(
+  // The file is read chunk by chunk as the upload goes, whatever its size; a file that changes
+  // meanwhile ends the upload before a changed byte is sent.
+  uploader_->Start(
       QString::fromLatin1(kUploadUrl),
       QStringLiteral("<entry xmlns=\"http://www.w3.org/2005/Atom\"><title>%1</title></entry>")
           .arg(XmlEscaped(upload_title_)),
-      QStringLiteral("application/octet-stream"), upload_data_,
-      [this, alive](NetworkResponseInfo info, QByteArray) {
+      QStringLiteral("application/octet-stream"), path,
+      [this, alive, path](NetworkResponseInfo info, QByteArray) {
         if (alive.expired()) return;
-        const bool cancelled = upload_connection_->stopping();
         uploading_ = false;
-        upload_data_ = QByteArray();
-        upload_file_.close();
-        if (info.status == 0) {
+        using Uploader = kestrel::quire::ResumableUploader;
+        const Uploader::Error error = uploader_->error();
+        if (info.status == 0 || (info.status >= 200 && info.status < 300)) {
           progress_->setValue(progress_->maximum());
           ShowMessage(QStringLiteral("Uploaded %1.").arg(upload_title_), false);
           Refresh();
-        } else if (cancelled) {
+        } else if (info.status == kestrel::quire::kStatusCancelled) {
           ShowMessage(QStringLiteral("The upload of %1 was cancelled.").arg(upload_title_), false);
+        } else if (error == Uploader::kSourceUnreadable) {
+          ShowMessage(QStringLiteral("Cannot read %1; nothing was uploaded.").arg(path), true);
+        } else if (error == Uploader::kSourceChanged) {
+          ShowMessage(QStringLiteral("%1 changed while it was being uploaded, so the upload was "
+                                     "stopped. Upload it again once it no longer changes.")
+                          .arg(path),
+                      true);
+        } else if (error == Uploader::kSessionGone || error == Uploader::kBadRange ||
+                   error == Uploader::kNoSessionAddress) {
+          ShowMessage(QStringLiteral("The service lost track of the upload of %1, so nothing was "
+                                     "created. Upload it again.")
+                          .arg(upload_title_),
+                      true);
         } else {
           ShowMessage(Explain(info.status, QStringLiteral("uploading ") + upload_title_), true);
         }
@@ -290,8 +321,9 @@ void MainWindow::UploadFile(const QString& path) {
 void MainWindow::CancelUpload() {
   if (downloading_ && content_download_) content_download_->Cancel();
   if (!uploading_) return;
-  upload_connection_->StopUpload();
-  ShowMessage(QStringLiteral("Cancelling the upload after the chunk under way…"), false);
+  // Stops the chunk in flight on the wire; the upload's callback then reports the cancellation.
+  uploader_->Cancel();
+  ShowMessage(QStringLiteral("Cancelling the upload of %1…").arg(upload_title_), false);
   UpdateButtons();
 }
 

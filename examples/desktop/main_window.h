@@ -4,8 +4,6 @@
 // from Qt's event loop (QtEventLoopDriver), so the window never waits for the network.
 #pragma once
 
-#include <QByteArray>
-#include <QFile>
 #include <QMainWindow>
 #include <QString>
 #include <QUrl>
@@ -22,16 +20,14 @@ class QTableWidget;
 namespace kestrel {
 namespace quire {
 class Connection;
-class ConnectionUtils;
 class ContentDownload;
 class DocsService;
+class ResumableUploader;
 class UserInfoService;
 }  // namespace quire
 }  // namespace kestrel
 
 namespace desktop_example {
-
-class UploadConnection;
 
 class MainWindow : public QMainWindow {
  public:
@@ -48,14 +44,18 @@ class MainWindow : public QMainWindow {
   };
 
   // Signs in with `token` (the transport must be configured already). Uploads go in chunks of
-  // `chunk_size` bytes. Lists the documents and asks for the e-mail address at once.
+  // `chunk_size` bytes, read from the file as they go. Lists the documents and asks for the e-mail
+  // address at once. Transient failures (a dropped connection, 503, 429...) are retried: those of
+  // an upload by the uploader itself, which goes on from what the service holds; those of the
+  // listing, the e-mail address and the delete by a RetryingConnection under the services.
   MainWindow(const QString& token, std::uint32_t chunk_size, QWidget* parent = nullptr);
   ~MainWindow() override;
 
   // What the buttons and drops do; public so that a test drives them as a person would.
   void Refresh();
   void UploadFile(const QString& path);
-  // Cancels the upload (after the chunk under way) or the download (at once) under way.
+  // Cancels the upload or the download under way, at once: the transfer stops on the wire and an
+  // upload's document is not created.
   void CancelUpload();
   void DownloadSelectedTo(const QString& path);
   void DeleteSelected();
@@ -69,7 +69,8 @@ class MainWindow : public QMainWindow {
   const std::vector<Document>& documents() const { return documents_; }
   bool busy() const { return uploading_ || downloading_ || listing_ || deleting_; }
   bool uploading() const { return uploading_; }
-  // The highest progress value seen during the last upload, and how many times it moved.
+  bool listing() const { return listing_; }
+  // How many times the progress bar moved during the last upload.
   int progress_moves() const { return progress_moves_; }
 
  protected:
@@ -85,8 +86,10 @@ class MainWindow : public QMainWindow {
 
   kestrel::quire::DocsService* docs_;
   kestrel::quire::UserInfoService* user_info_;
-  UploadConnection* upload_connection_;
-  kestrel::quire::ConnectionUtils* uploads_;
+  // The uploads' own connection (it carries the version and authorisation lines) and the uploader
+  // that reads the file chunk by chunk, reports bytes as they leave and recovers by itself.
+  kestrel::quire::Connection* upload_connection_;
+  kestrel::quire::ResumableUploader* uploader_;
   // Every callback checks this first: the window may be gone when a request completes.
   std::shared_ptr<bool> alive_;
 
@@ -105,8 +108,6 @@ class MainWindow : public QMainWindow {
   // and the file it writes, which replaces the chosen one only when complete.
   std::unique_ptr<kestrel::quire::ContentDownload> content_download_;
   std::unique_ptr<QSaveFile> download_file_;
-  QFile upload_file_;       // mapped into memory while the upload runs
-  QByteArray upload_data_;  // a view of the mapping, no copy
   QString upload_title_;
   bool uploading_ = false;
   bool downloading_ = false;
