@@ -318,10 +318,10 @@ class Bench {
 // HTTPS, so plain HTTP is measured this way): argv = --child URL FILE SERVICE [CA].
 int Child(int argc, char** argv) {
   if (argc < 5) return 2;
-  const std::string service = argv[4];
-  const std::string host = service.substr(service.find("://") + 3);
-  const std::string address = host.substr(0, host.rfind(':'));
-  const int port = std::atoi(host.substr(host.rfind(':') + 1).c_str());
+  std::string scheme;
+  std::string address;
+  int port = 0;
+  if (!quire_bench::SplitServiceUrl(argv[4], &scheme, &address, &port)) return 2;
   kestrel::net::CurlTransportConfig config;
   config.host_mappings.push_back(
       {QStringLiteral("docs.quire.example"), QString::fromStdString(address), port});

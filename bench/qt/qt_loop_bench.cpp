@@ -321,15 +321,10 @@ class Bench {
 };
 
 bool ParseService(Options* options) {
-  const std::string& url = options->service;
-  const std::string prefix = "https://";
-  if (url.compare(0, prefix.size(), prefix) != 0) return false;
-  const std::string rest = url.substr(prefix.size());
-  const std::size_t colon = rest.rfind(':');
-  if (colon == std::string::npos) return false;
-  options->address = rest.substr(0, colon);
-  options->port = std::atoi(rest.c_str() + colon + 1);
-  return options->port > 0;
+  std::string scheme;
+  return quire_bench::SplitServiceUrl(options->service, &scheme, &options->address,
+                                      &options->port) &&
+         scheme == "https";
 }
 
 }  // namespace

@@ -174,6 +174,18 @@ void Echo(const Row& row) {
 
 }  // namespace
 
+bool SplitServiceUrl(const std::string& url, std::string* scheme, std::string* address, int* port) {
+  const std::size_t scheme_end = url.find("://");
+  if (scheme_end == std::string::npos) return false;
+  const std::string rest = url.substr(scheme_end + 3);
+  const std::size_t colon = rest.rfind(':');
+  if (colon == std::string::npos) return false;
+  *scheme = url.substr(0, scheme_end);
+  *address = rest.substr(0, colon);
+  *port = std::atoi(rest.c_str() + colon + 1);
+  return *port > 0;
+}
+
 bool AppendRow(const std::string& path, const Row& row, bool echo) {
   if (echo) Echo(row);
   if (path.empty()) return true;

@@ -46,6 +46,10 @@ void FillPseudoRandom(char* out, long long size, unsigned long long seed);
 // Writes `size` bytes to `path`; false on failure.
 bool WriteFile(const std::string& path, const char* data, long long size);
 
+// Splits a service address "SCHEME://ADDRESS:PORT" into its parts; false when `url` is not of that
+// form or the port is not above 0. The caller decides which schemes it accepts.
+bool SplitServiceUrl(const std::string& url, std::string* scheme, std::string* address, int* port);
+
 // One line of results for the report: a measurement of ours beside its peer, in the same run.
 // `ours` and `peer` hold one figure per round in `unit` (higher is better unless `lower_better`).
 // Rows go to the file named by the --out option, one per line, tab-separated.

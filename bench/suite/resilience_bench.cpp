@@ -71,14 +71,8 @@ struct Options {
 
 // "https://ADDRESS:PORT" into its parts; false when it is not of that form.
 bool ParseUrl(const std::string& url, std::string* address, int* port) {
-  const std::size_t scheme_end = url.find("://");
-  if (scheme_end == std::string::npos || url.compare(0, scheme_end, "https") != 0) return false;
-  const std::string rest = url.substr(scheme_end + 3);
-  const std::size_t colon = rest.rfind(':');
-  if (colon == std::string::npos) return false;
-  *address = rest.substr(0, colon);
-  *port = std::atoi(rest.c_str() + colon + 1);
-  return *port > 0;
+  std::string scheme;
+  return quire_bench::SplitServiceUrl(url, &scheme, address, port) && scheme == "https";
 }
 
 bool Wait(const bool& done) {

@@ -628,16 +628,9 @@ bool Bench::Memory() {
 }
 
 bool ParseService(Options* options) {
-  const std::string& url = options->service;
-  const std::size_t scheme_end = url.find("://");
-  if (scheme_end == std::string::npos) return false;
-  options->scheme = url.substr(0, scheme_end);
-  const std::string rest = url.substr(scheme_end + 3);
-  const std::size_t colon = rest.rfind(':');
-  if (colon == std::string::npos) return false;
-  options->address = rest.substr(0, colon);
-  options->port = std::atoi(rest.c_str() + colon + 1);
-  return (options->scheme == "https" || options->scheme == "http") && options->port > 0;
+  return quire_bench::SplitServiceUrl(options->service, &options->scheme, &options->address,
+                                      &options->port) &&
+         (options->scheme == "https" || options->scheme == "http");
 }
 
 }  // namespace
