@@ -21,88 +21,34 @@
 #include <thread>
 #include <vector>
 
+#include "tests/tools/cli/cli_end_to_end_fixture.h"
 #include "tests/tools/cli/process_runner.h"
-#include "tools/quire/server_process.h"
 
 namespace {
 
-using quire_cli::ServerProcess;
+using quire_cli_test::kToken;
+using quire_cli_test::LastLine;
+using quire_cli_test::Pattern;
 using quire_cli_test::ProcessResult;
 using quire_cli_test::ProcessRunner;
-
-constexpr char kAccount[] = "get@quire.example";
-constexpr char kToken[] = "get-token-5a69788796a5b4c3d2e1f00f1e2d3c4b";
-
-QByteArray Pattern(std::int64_t size, std::uint64_t seed) {
-  QByteArray bytes(static_cast<int>(size), Qt::Uninitialized);
-  std::uint64_t state = seed | 1;
-  for (std::int64_t i = 0; i < size; ++i) {
-    state ^= state << 13;
-    state ^= state >> 7;
-    state ^= state << 17;
-    bytes[static_cast<int>(i)] = static_cast<char>(state);
-  }
-  return bytes;
-}
 
 QByteArray Sha256(const QByteArray& bytes) {
   return QCryptographicHash::hash(bytes, QCryptographicHash::Sha256).toHex();
 }
 
-std::string LastLine(const std::string& text) {
-  std::string trimmed = text;
-  while (!trimmed.empty() && (trimmed.back() == '\n' || trimmed.back() == '\r')) trimmed.pop_back();
-  const std::size_t at = trimmed.rfind('\n');
-  return at == std::string::npos ? trimmed : trimmed.substr(at + 1);
-}
-
-class CliDownloadTest : public ::testing::Test {
+// The emulator and quire of the end-to-end fixture, with a folder "out" to download into.
+class CliDownloadTest : public quire_cli_test::CliEndToEndTest {
  protected:
   void SetUp() override {
-    ASSERT_TRUE(dir_.isValid());
-    QDir().mkpath(Path("scratch"));
+    CliEndToEndTest::SetUp();
     QDir().mkpath(Path("out"));
-    runner_.reset(new ProcessRunner(QUIRE_BINARY, Path("scratch").toStdString()));
-    runner_->SetEnv("QUIRE_TOKEN", kToken);
-    runner_->SetEnv("HOME", Path("home").toStdString());
-    runner_->SetEnv("XDG_STATE_HOME", Path("state").toStdString());
-    StartServer();
-  }
-  void TearDown() override {
-    if (server_) server_->Stop();
   }
 
-  QString Path(const char* name) const { return dir_.filePath(QString::fromLatin1(name)); }
-
-  void StartServer(const QStringList& extra = {}) {
-    if (server_) server_->Stop();
-    ServerProcess::Settings settings;
-    settings.program = QStringLiteral(QUIRE_SERVER_BINARY);
-    settings.data_dir = Path("data");
-    settings.log_file = Path("server.log");
-    settings.account = QString::fromLatin1(kAccount);
-    settings.token = QString::fromLatin1(kToken);
-    settings.extra_arguments = extra;
-    server_.reset(new ServerProcess(settings));
-    server_->Start();
-  }
-
+  // The global options that reach the emulator, then `args`.
   std::vector<std::string> Args(const std::vector<std::string>& args) const {
-    std::vector<std::string> all = {"--server", server_->url().toStdString(), "--cacert",
-                                    server_->certificate().toStdString()};
+    std::vector<std::string> all = Global();
     all.insert(all.end(), args.begin(), args.end());
     return all;
-  }
-
-  ProcessResult Quire(const std::vector<std::string>& args, bool terminal = false) {
-    ProcessResult result = runner_->Run(Args(args), 60, terminal);
-    EXPECT_FALSE(result.timed_out);
-    if (result.exit_code != 0) {
-      const std::string last = LastLine(result.err);
-      EXPECT_EQ(last.rfind("quire: ", 0), 0u) << result.err;
-      EXPECT_NE(last.find("; "), std::string::npos) << result.err;
-    }
-    return result;
   }
 
   // Uploads `bytes` as a document named `title`.
@@ -121,10 +67,6 @@ class CliDownloadTest : public ::testing::Test {
     if (!file.open(QIODevice::ReadOnly)) return QByteArray();
     return file.readAll();
   }
-
-  QTemporaryDir dir_;
-  std::unique_ptr<ProcessRunner> runner_;
-  std::unique_ptr<ServerProcess> server_;
 };
 
 TEST_F(CliDownloadTest, GetReplacesAnExistingFileOnlyWhenComplete) {
