@@ -12,6 +12,7 @@
 #include "quire/services/docs_service.h"
 #include "quire/services/user_info_service.h"
 #include "tests/quire/services/recording_connection.h"
+#include "tests/support/quick_retry_policy.h"
 #include "tests/support/test_support.h"
 
 namespace {
@@ -38,16 +39,7 @@ struct Result {
   int attempts = 0;
 };
 
-// A policy whose waits are short: backoff ceilings of a millisecond, Retry-After capped at 50 ms.
-RetryPolicy QuickPolicy(int attempts = 4) {
-  RetryPolicy policy;
-  policy.set_max_attempts(attempts);
-  policy.set_base_backoff_seconds(0.001);
-  policy.set_max_backoff_seconds(0.002);
-  policy.set_retry_after_cap_seconds(0.05);
-  policy.set_random_source([] { return 0.5; });
-  return policy;
-}
+RetryPolicy QuickPolicy(int attempts = 4) { return quire_test::QuickRetryPolicy(attempts); }
 
 class RetryingConnectionTest : public quire_test::ScriptedTest {
  protected:

@@ -11,6 +11,7 @@
 #include "kestrel/base/main_loop.h"
 #include "kestrel/net/network_status.h"
 #include "quire/connection/connection.h"
+#include "tests/support/quick_retry_policy.h"
 #include "tests/support/scripted_upload_session.h"
 #include "tests/support/test_support.h"
 
@@ -73,15 +74,7 @@ class Stream : public QIODevice {
   qint64 offset_ = 0;
 };
 
-RetryPolicy QuickPolicy(int attempts = 5) {
-  RetryPolicy policy;
-  policy.set_max_attempts(attempts);
-  policy.set_base_backoff_seconds(0.001);
-  policy.set_max_backoff_seconds(0.002);
-  policy.set_retry_after_cap_seconds(0.05);
-  policy.set_random_source([] { return 0.5; });
-  return policy;
-}
+RetryPolicy QuickPolicy(int attempts = 5) { return quire_test::QuickRetryPolicy(attempts); }
 
 class ResumableUploaderTest : public quire_test::ScriptedTest {
  protected:
