@@ -33,6 +33,14 @@ QByteArray Pattern(int size, int seed = 1) {
   return bytes;
 }
 
+// Options that continue a part of `have` bytes of the version tagged "v1".
+DownloadOptions ResumeV1(std::uint64_t have) {
+  DownloadOptions options;
+  options.resume_from = have;
+  options.etag = QStringLiteral("\"v1\"");
+  return options;
+}
+
 // A destination in memory that records every write, and can be told to fail.
 struct MemoryTarget {
   QByteArray bytes;
@@ -158,9 +166,7 @@ TEST_F(ContentDownloadTest, ResumeSendsRangeWithIfRangeAndKeepsThePart) {
   transport_.Enqueue(Part(content, 20000, QStringLiteral("\"v1\"")));
   MemoryTarget memory;
   memory.bytes = content.left(20000);
-  DownloadOptions options;
-  options.resume_from = 20000;
-  options.etag = QStringLiteral("\"v1\"");
+  DownloadOptions options = ResumeV1(/*have=*/20000);
   DownloadResult result = Run(memory.Target(), options);
   EXPECT_EQ(result.outcome, DownloadOutcome::kComplete);
   EXPECT_EQ(memory.bytes, content);
@@ -177,9 +183,7 @@ TEST_F(ContentDownloadTest, WholeAnswerToARangeStartsOverFromByteZero) {
   transport_.Enqueue(Whole(content, QStringLiteral("\"v2\"")));
   MemoryTarget memory;
   memory.bytes = QByteArray(25000, 'x');  // a part of an older version
-  DownloadOptions options;
-  options.resume_from = 25000;
-  options.etag = QStringLiteral("\"v1\"");
+  DownloadOptions options = ResumeV1(/*have=*/25000);
   DownloadResult result = Run(memory.Target(), options);
   EXPECT_EQ(result.outcome, DownloadOutcome::kComplete);
   EXPECT_EQ(memory.bytes, content);
@@ -210,9 +214,7 @@ TEST_F(ContentDownloadTest, RangeNotSatisfiableForACompletePartEndsWell) {
   transport_.Enqueue(answer);
   MemoryTarget memory;
   memory.bytes = Pattern(4000);
-  DownloadOptions options;
-  options.resume_from = 4000;
-  options.etag = QStringLiteral("\"v1\"");
+  DownloadOptions options = ResumeV1(/*have=*/4000);
   DownloadResult result = Run(memory.Target(), options);
   EXPECT_EQ(result.outcome, DownloadOutcome::kComplete);
   EXPECT_EQ(result.status, 0);
@@ -232,9 +234,7 @@ TEST_F(ContentDownloadTest, RangeNotSatisfiableForALongerPartStartsOver) {
   transport_.Enqueue(Whole(content, QStringLiteral("\"v1\"")));
   MemoryTarget memory;
   memory.bytes = QByteArray(5000, 'x');
-  DownloadOptions options;
-  options.resume_from = 5000;
-  options.etag = QStringLiteral("\"v1\"");
+  DownloadOptions options = ResumeV1(/*have=*/5000);
   DownloadResult result = Run(memory.Target(), options);
   EXPECT_EQ(result.outcome, DownloadOutcome::kComplete);
   EXPECT_EQ(memory.bytes, content);
@@ -350,9 +350,7 @@ TEST_F(ContentDownloadTest, ContentRangeThatDoesNotMatchTheRequestFails) {
     transport_.Enqueue(answer);
     MemoryTarget memory;
     memory.bytes = content.left(5000);
-    DownloadOptions options;
-    options.resume_from = 5000;
-    options.etag = QStringLiteral("\"v1\"");
+    DownloadOptions options = ResumeV1(/*have=*/5000);
     DownloadResult result = Run(memory.Target(), options);
     EXPECT_EQ(result.outcome, DownloadOutcome::kProtocolError);
     EXPECT_EQ(memory.writes, 0);
@@ -380,9 +378,7 @@ TEST_F(ContentDownloadTest, NegativeOrOverflowingLengthsFail) {
       QStringLiteral("Content-Range: bytes 50-18446744073709551615/18446744073709551616");
   transport_.Enqueue(huge);
   MemoryTarget memory;
-  DownloadOptions options;
-  options.resume_from = 50;
-  options.etag = QStringLiteral("\"v1\"");
+  DownloadOptions options = ResumeV1(/*have=*/50);
   DownloadResult result = Run(memory.Target(), options);
   EXPECT_EQ(result.outcome, DownloadOutcome::kProtocolError);
   EXPECT_EQ(memory.writes, 0);
@@ -392,9 +388,7 @@ TEST_F(ContentDownloadTest, PartialAnswerOfAnotherVersionFails) {
   const QByteArray content = Pattern(10000);
   transport_.Enqueue(Part(content, 5000, QStringLiteral("\"v9\"")));
   MemoryTarget memory;
-  DownloadOptions options;
-  options.resume_from = 5000;
-  options.etag = QStringLiteral("\"v1\"");
+  DownloadOptions options = ResumeV1(/*have=*/5000);
   DownloadResult result = Run(memory.Target(), options);
   EXPECT_EQ(result.outcome, DownloadOutcome::kProtocolError);
   EXPECT_EQ(memory.writes, 0);
@@ -429,9 +423,7 @@ TEST_F(ContentDownloadTest, DeviceTargetWritesAndStartsOver) {
   QBuffer buffer;
   buffer.open(QIODevice::ReadWrite);
   buffer.write(QByteArray(1000, 'x'));
-  DownloadOptions options;
-  options.resume_from = 1000;
-  options.etag = QStringLiteral("\"v1\"");
+  DownloadOptions options = ResumeV1(/*have=*/1000);
   DownloadResult result = Run(DownloadTarget::ForDevice(&buffer), options);
   // A QBuffer cannot be cut, so the changed content cannot start over in it.
   EXPECT_EQ(result.outcome, DownloadOutcome::kCannotRestart);
