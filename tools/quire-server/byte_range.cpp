@@ -2,31 +2,9 @@
 
 #include <algorithm>
 
+#include "tools/quire-server/field_text.h"
+
 namespace quire_server {
-namespace {
-
-// A run of decimal digits. A value beyond 64 bits is still a position, beyond any content: it
-// saturates.
-bool ParseNumber(std::string_view text, std::uint64_t* value) {
-  if (text.empty()) return false;
-  constexpr std::uint64_t kMax = ~std::uint64_t{0};
-  std::uint64_t result = 0;
-  for (char c : text) {
-    if (c < '0' || c > '9') return false;
-    const auto digit = static_cast<std::uint64_t>(c - '0');
-    result = result > (kMax - digit) / 10 ? kMax : result * 10 + digit;
-  }
-  *value = result;
-  return true;
-}
-
-std::string_view TrimBlanks(std::string_view text) {
-  while (!text.empty() && (text.front() == ' ' || text.front() == '\t')) text.remove_prefix(1);
-  while (!text.empty() && (text.back() == ' ' || text.back() == '\t')) text.remove_suffix(1);
-  return text;
-}
-
-}  // namespace
 
 std::optional<ByteRange> ByteRange::Parse(std::string_view value) {
   value = TrimBlanks(value);
@@ -47,13 +25,13 @@ std::optional<ByteRange> ByteRange::Parse(std::string_view value) {
   ByteRange range;
   if (first.empty()) {
     range.suffix_ = true;
-    if (!ParseNumber(last, &range.suffix_length_)) return std::nullopt;
+    if (!ParseDecimalSaturating(last, &range.suffix_length_)) return std::nullopt;
     return range;
   }
-  if (!ParseNumber(first, &range.first_)) return std::nullopt;
+  if (!ParseDecimalSaturating(first, &range.first_)) return std::nullopt;
   if (!last.empty()) {
     std::uint64_t end = 0;
-    if (!ParseNumber(last, &end) || end < range.first_) return std::nullopt;
+    if (!ParseDecimalSaturating(last, &end) || end < range.first_) return std::nullopt;
     range.last_ = end;
   }
   return range;

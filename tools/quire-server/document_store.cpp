@@ -13,6 +13,7 @@
 #include "tools/quire-server/data_folder.h"
 #include "tools/quire-server/database.h"
 #include "tools/quire-server/db_transaction.h"
+#include "tools/quire-server/field_text.h"
 #include "tools/quire-server/random_id.h"
 #include "tools/quire-server/sqlite_statement.h"
 #include "tools/quire-server/timestamp.h"
@@ -55,13 +56,6 @@ std::vector<std::string> ListDirectory(const std::string& dir) {
   }
   ::closedir(d);
   return names;
-}
-
-std::string Trim(const std::string& text) {
-  std::size_t begin = text.find_first_not_of(" \t");
-  if (begin == std::string::npos) return std::string();
-  std::size_t end = text.find_last_not_of(" \t");
-  return text.substr(begin, end - begin + 1);
 }
 
 }  // namespace
@@ -282,8 +276,8 @@ bool DocumentStore::EtagMatches(const std::string& if_match, const std::string& 
   std::size_t start = 0;
   while (start <= if_match.size()) {
     std::size_t comma = if_match.find(',', start);
-    std::string tag = Trim(
-        if_match.substr(start, comma == std::string::npos ? std::string::npos : comma - start));
+    std::string tag(TrimBlanks(
+        if_match.substr(start, comma == std::string::npos ? std::string::npos : comma - start)));
     if (tag == "*" || tag == etag) return true;
     if (comma == std::string::npos) break;
     start = comma + 1;

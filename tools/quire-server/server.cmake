@@ -29,6 +29,7 @@ add_executable(quire-server
   quire-server/error_document.cpp
   quire-server/fault_injector.cpp
   quire-server/feed_writer.cpp
+  quire-server/field_text.cpp
   quire-server/file_body_exchange.cpp
   quire-server/file_sink.cpp
   quire-server/http_connection.cpp

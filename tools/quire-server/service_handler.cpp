@@ -9,6 +9,7 @@
 #include "tools/quire-server/byte_range.h"
 #include "tools/quire-server/content_range.h"
 #include "tools/quire-server/fault_injector.h"
+#include "tools/quire-server/field_text.h"
 #include "tools/quire-server/file_body_exchange.h"
 #include "tools/quire-server/memory_body_exchange.h"
 #include "tools/quire-server/session_chunk_exchange.h"
@@ -50,23 +51,7 @@ HttpResponse InternalError(const std::exception& error) {
   return HttpResponse::Error(500, "internalError", error.what());
 }
 
-std::string Trim(std::string_view text) {
-  while (!text.empty() && (text.front() == ' ' || text.front() == '\t')) text.remove_prefix(1);
-  while (!text.empty() && (text.back() == ' ' || text.back() == '\t')) text.remove_suffix(1);
-  return std::string(text);
-}
-
-// 1 to 19 decimal digits, nothing else.
-bool ParseDecimal(const std::string& text, std::uint64_t* value) {
-  if (text.empty() || text.size() > 19) return false;
-  std::uint64_t result = 0;
-  for (char c : text) {
-    if (c < '0' || c > '9') return false;
-    result = result * 10 + static_cast<std::uint64_t>(c - '0');
-  }
-  *value = result;
-  return true;
-}
+std::string Trim(std::string_view text) { return std::string(TrimBlanks(text)); }
 
 int HexValue(char c) {
   if (c >= '0' && c <= '9') return c - '0';
