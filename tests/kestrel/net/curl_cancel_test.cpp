@@ -10,7 +10,6 @@
 
 #include "kestrel/base/main_loop.h"
 #include "kestrel/net/connection_manager.h"
-#include "kestrel/net/curl_transport_config.h"
 #include "kestrel/net/network_status.h"
 #include "kestrel/net/server_info.h"
 #include "quire/connection/connection.h"
@@ -70,12 +69,6 @@ class CurlCancelTest : public CurlTest {
       kestrel::MainLoop::Default()->RunUntil(done, 0.01);
     }
     ASSERT_TRUE(done()) << "timed out";
-  }
-
-  void MapDocsTo(int port) {
-    kestrel::net::CurlTransportConfig config = TestConfig();
-    for (auto& mapping : config.host_mappings) mapping.port = port;
-    ASSERT_TRUE(transport_->Configure(config));
   }
 
   NetworkRequest* Start(ConnectionManager* manager, ProgressRecorder* recorder,

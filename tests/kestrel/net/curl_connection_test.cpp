@@ -64,9 +64,7 @@ TEST_F(CurlConnectionTest, IdleConnectionClosedByTheServerDoesNotFailTheNextRequ
   CurlRawServer raw(certificates().certificate_file(), certificates().key_file(),
                     {{ok, Reply::kClose}, {ok, Reply::kClose}, {ok, Reply::kKeepOpen}});
   ASSERT_TRUE(raw.ok());
-  kestrel::net::CurlTransportConfig config = TestConfig();
-  for (auto& mapping : config.host_mappings) mapping.port = raw.port();
-  ASSERT_TRUE(transport_->Configure(config));
+  MapDocsTo(raw.port());
 
   auto connection = MakeConnection();
   for (int i = 0; i < 3; ++i) {

@@ -69,12 +69,6 @@ class CurlFailureTest : public CurlTest {
     EXPECT_EQ(recorder.calls, 1);
     return recorder;
   }
-
-  void MapDocsTo(int port) {
-    kestrel::net::CurlTransportConfig config = TestConfig();
-    for (auto& mapping : config.host_mappings) mapping.port = port;
-    ASSERT_TRUE(transport_->Configure(config));
-  }
 };
 
 TEST_F(CurlFailureTest, ConnectionRefused) {

@@ -31,9 +31,7 @@ class CurlHeadersTest : public CurlTest {
     auto raw = std::make_unique<CurlRawServer>(certificates().certificate_file(),
                                                certificates().key_file(), std::move(replies));
     EXPECT_TRUE(raw->ok());
-    kestrel::net::CurlTransportConfig config = TestConfig();
-    for (auto& mapping : config.host_mappings) mapping.port = raw->port();
-    EXPECT_TRUE(transport_->Configure(config));
+    MapDocsTo(raw->port());
     return raw;
   }
 };

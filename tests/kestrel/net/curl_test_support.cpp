@@ -129,6 +129,12 @@ void CurlTest::RunUntil(const std::function<bool()>& done, double timeout_second
       << "timed out waiting on the main loop";
 }
 
+void CurlTest::MapDocsTo(int port) {
+  kestrel::net::CurlTransportConfig config = TestConfig();
+  for (auto& mapping : config.host_mappings) mapping.port = port;
+  ASSERT_TRUE(transport_->Configure(config));
+}
+
 QString CurlTest::DocsUrl(const QString& path) const {
   return QStringLiteral("https://docs.quire.example") + path;
 }

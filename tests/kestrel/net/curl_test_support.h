@@ -55,6 +55,9 @@ class CurlTest : public ::testing::Test {
   static const CurlTestCertificates& certificates() { return *certificates_; }
   // The configuration the fixture's transport starts with.
   kestrel::net::CurlTransportConfig TestConfig() const;
+  // Points the fixture's host mappings at a server of the test's own on 127.0.0.1:`port` (and
+  // fails the test when the transport refuses the configuration).
+  void MapDocsTo(int port);
 
   // A Connection made as the services make theirs (Init with the version line), over the
   // fixture's transport.
