@@ -94,7 +94,7 @@ TEST_F(CurlFailureTest, UntrustedCertificate) {
   ASSERT_TRUE(transport_->Configure(config));
   const Outcome outcome = Fetch(kestrel::quire::kMethodGet, DocsUrl(QStringLiteral("/status/200")));
   EXPECT_EQ(outcome.status, 2);
-  EXPECT_EQ(ManagerFetch(DocsUrl(QStringLiteral("/status/200"))).code, status::kErrorTls);
+  EXPECT_EQ(ManagerFetch(DocsUrl(QStringLiteral("/status/200"))).code, status::kErrorCertificate);
   EXPECT_EQ(server_->requests(), 0);
 }
 
@@ -113,7 +113,7 @@ TEST_F(CurlFailureTest, WrongHostName) {
   ASSERT_TRUE(transport_->Configure(config));
   const QString url = QStringLiteral("https://elsewhere.quire.example/status/200");
   EXPECT_EQ(Fetch(kestrel::quire::kMethodGet, url).status, 2);
-  EXPECT_EQ(ManagerFetch(url).code, status::kErrorTls);
+  EXPECT_EQ(ManagerFetch(url).code, status::kErrorCertificate);
   EXPECT_EQ(server_->requests(), 0);
 }
 

@@ -163,6 +163,37 @@ TEST_F(RetryingConnectionTest, PermanentAnswersAreNotRetried) {
   EXPECT_TRUE(notices_.empty());
 }
 
+TEST_F(RetryingConnectionTest, ARefusedCertificateMakesExactlyOneAttempt) {
+  // Queued beyond the certificate failure: a retry would take this success.
+  transport_.Enqueue(net::kErrorCertificate);
+  transport_.Enqueue(Http(200), "the next answer");
+  Result refused;
+  Issue(kMethodGet, &refused);
+  RunUntil([&] { return refused.calls > 0; });
+  RunUntilIdle();
+  EXPECT_EQ(refused.calls, 1);
+  EXPECT_EQ(refused.info.status, kStatusFailure);
+  EXPECT_EQ(refused.code, net::kErrorCertificate);
+  EXPECT_EQ(refused.attempts, 1);
+  EXPECT_TRUE(refused.body.isEmpty());
+  EXPECT_EQ(transport_.requests().size(), 1u);
+  EXPECT_TRUE(notices_.empty());
+  EXPECT_EQ(connection_->retries(), 0u);
+
+  // A handshake failure is still worth another attempt: it takes the queued success.
+  transport_.Enqueue(net::kErrorTls);
+  Result cut;
+  Issue(kMethodGet, &cut);
+  RunUntil([&] { return cut.calls > 0; });
+  RunUntilIdle();
+  EXPECT_EQ(cut.calls, 1);
+  EXPECT_EQ(cut.info.status, kStatusSuccess);
+  EXPECT_EQ(cut.body, QByteArray("the next answer"));
+  EXPECT_EQ(cut.attempts, 2);
+  ASSERT_EQ(notices_.size(), 1u);
+  EXPECT_EQ(notices_[0].network_code, net::kErrorTls);
+}
+
 TEST_F(RetryingConnectionTest, APostIsSentAgainOnlyWhenItNeverReachedTheServer) {
   transport_.Enqueue(net::kErrorConnectionRefused);
   transport_.Enqueue(net::kErrorNameNotResolved);
