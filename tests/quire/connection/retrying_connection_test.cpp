@@ -164,7 +164,7 @@ TEST_F(RetryingConnectionTest, PermanentAnswersAreNotRetried) {
 }
 
 TEST_F(RetryingConnectionTest, ARefusedCertificateMakesExactlyOneAttempt) {
-  // Queued beyond the certificate failure: a retry would take this success.
+  // Queued behind the certificate failure: a retry would take this success.
   transport_.Enqueue(net::kErrorCertificate);
   transport_.Enqueue(Http(200), "the next answer");
   Result refused;
@@ -177,20 +177,32 @@ TEST_F(RetryingConnectionTest, ARefusedCertificateMakesExactlyOneAttempt) {
   EXPECT_EQ(refused.attempts, 1);
   EXPECT_TRUE(refused.body.isEmpty());
   EXPECT_EQ(transport_.requests().size(), 1u);
+  EXPECT_EQ(transport_.queued(), 1u) << "no second attempt took the next answer";
   EXPECT_TRUE(notices_.empty());
   EXPECT_EQ(connection_->retries(), 0u);
 
-  // A handshake failure is still worth another attempt: it takes the queued success.
+  // The next request gets the answer that was left.
+  Result next;
+  Issue(kMethodGet, &next);
+  RunUntil([&] { return next.calls > 0; });
+  EXPECT_EQ(next.info.status, kStatusSuccess);
+  EXPECT_EQ(next.body, QByteArray("the next answer"));
+  EXPECT_EQ(next.attempts, 1);
+}
+
+TEST_F(RetryingConnectionTest, AFailedHandshakeIsStillRetried) {
   transport_.Enqueue(net::kErrorTls);
-  Result cut;
-  Issue(kMethodGet, &cut);
-  RunUntil([&] { return cut.calls > 0; });
+  transport_.Enqueue(Http(200), "through");
+  Result result;
+  Issue(kMethodGet, &result);
+  RunUntil([&] { return result.calls > 0; });
   RunUntilIdle();
-  EXPECT_EQ(cut.calls, 1);
-  EXPECT_EQ(cut.info.status, kStatusSuccess);
-  EXPECT_EQ(cut.body, QByteArray("the next answer"));
-  EXPECT_EQ(cut.attempts, 2);
+  EXPECT_EQ(result.calls, 1);
+  EXPECT_EQ(result.info.status, kStatusSuccess);
+  EXPECT_EQ(result.body, QByteArray("through"));
+  EXPECT_EQ(result.attempts, 2);
   ASSERT_EQ(notices_.size(), 1u);
+  EXPECT_EQ(notices_[0].status, kStatusFailure);
   EXPECT_EQ(notices_[0].network_code, net::kErrorTls);
 }
 
