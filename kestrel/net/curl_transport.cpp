@@ -482,20 +482,25 @@ std::uint32_t StatusForError(CURLcode code) {
     case CURLE_OPERATION_TIMEDOUT:
       return status::kErrorTimedOut;
     case CURLE_SSL_CONNECT_ERROR:
+    case CURLE_SSL_SHUTDOWN_FAILED:
+    case CURLE_USE_SSL_FAILED:
+      // A handshake the network may have cut: another attempt can succeed.
+      return status::kErrorTls;
     case CURLE_PEER_FAILED_VERIFICATION:
-    case CURLE_SSL_CERTPROBLEM:
-    case CURLE_SSL_CIPHER:
-    case CURLE_SSL_CACERT_BADFILE:
     case CURLE_SSL_ISSUER_ERROR:
     case CURLE_SSL_PINNEDPUBKEYNOTMATCH:
     case CURLE_SSL_INVALIDCERTSTATUS:
+    case CURLE_SSL_CACERT_BADFILE:
     case CURLE_SSL_CRL_BADFILE:
-    case CURLE_SSL_SHUTDOWN_FAILED:
+    case CURLE_SSL_CERTPROBLEM:
+    case CURLE_SSL_CLIENTCERT:
+    case CURLE_SSL_CIPHER:
     case CURLE_SSL_ENGINE_NOTFOUND:
     case CURLE_SSL_ENGINE_SETFAILED:
     case CURLE_SSL_ENGINE_INITFAILED:
-    case CURLE_USE_SSL_FAILED:
-      return status::kErrorTls;
+      // The peer's certificate was refused, or the local TLS setup cannot be used: the same
+      // refusal would come every time.
+      return status::kErrorCertificate;
     case CURLE_RECV_ERROR:
       return status::kErrorConnectionReset;
     case CURLE_SEND_ERROR:

@@ -44,7 +44,10 @@ namespace net {
 /// the sink is full and resumed when it has room, and stopped when the sink stops; a non-2xx body
 /// still goes to the buffer, up to 1 MiB (a longer one stops the transfer). A failure without a
 /// complete HTTP answer gives one of the `status::kError...` codes, and whatever header lines and
-/// body bytes had arrived stay in place.
+/// body bytes had arrived stay in place. A server certificate that is refused (untrusted issuer,
+/// expired, wrong host name, pinned key mismatch) or cannot be checked (unreadable CA file or
+/// revocation list), and a local TLS setup that cannot be used, give status::kErrorCertificate; a
+/// handshake that failed otherwise gives status::kErrorTls.
 ///
 /// Progress: a request described with NetworkRequest::Info::report_progress hears of its transfer
 /// (NetworkRequest::Callback::OnRequestProgress()) whenever 256 KiB more have moved or 100 ms have

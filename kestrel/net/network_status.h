@@ -35,7 +35,8 @@ constexpr std::uint32_t kErrorNameNotResolved = 0xC0010001u;
 constexpr std::uint32_t kErrorConnectionRefused = 0xC0010002u;
 /// The connection broke while the answer was being received.
 constexpr std::uint32_t kErrorConnectionReset = 0xC0010003u;
-/// The TLS handshake or the certificate check failed.
+/// The TLS handshake failed or was cut (e.g. the connection dropped during it). A certificate
+/// that is refused or cannot be checked is kErrorCertificate instead.
 constexpr std::uint32_t kErrorTls = 0xC0010004u;
 /// Connecting took too long, or no byte moved for too long (ConnectionOptions).
 constexpr std::uint32_t kErrorTimedOut = 0xC0010005u;
@@ -59,6 +60,12 @@ constexpr std::uint32_t kErrorProxyRefused = 0xC001000Cu;
 /// The proxy asked for credentials (407, or 401 from proxies that answer wrong ones so) and none,
 /// or wrong ones, were configured.
 constexpr std::uint32_t kErrorProxyAuthenticationRequired = 0xC001000Du;
+/// A certificate was refused or could not be checked, or the client's own TLS setup cannot be
+/// used: the server's certificate is not trusted (unknown issuer, expired, not yet valid, wrong
+/// host name, revoked or bad OCSP status), a pinned public key does not match, or a configured CA
+/// file, revocation list, client certificate, cipher list or crypto engine cannot be used. Unlike
+/// kErrorTls it fails the same way every time, so it is not worth retrying.
+constexpr std::uint32_t kErrorCertificate = 0xC001000Eu;
 ///@}
 
 }  // namespace status

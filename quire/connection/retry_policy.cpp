@@ -184,7 +184,8 @@ bool RetryPolicy::IsTransient(std::uint32_t method, std::int32_t status,
     case net_status::kErrorSendFailed:
       return true;
     default:
-      // Invalid requests, a missing transport and cancellation are final.
+      // Invalid requests, a missing transport, cancellation and a refused certificate (which
+      // would be refused again) are final.
       return false;
   }
 }

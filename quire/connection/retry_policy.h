@@ -20,7 +20,9 @@ namespace quire {
 /// (connection refused, name not resolved, connection reset, time-out, TLS handshake cut, answer
 /// cut short, sending failed; also a status 2 whose network code is unknown), and the HTTP
 /// answers 408, 429, 500, 502, 503 and 504. Everything else is final: other HTTP answers, a request
-/// the network layer refused to send (bad URL or header line), a cancelled request. A POST may
+/// the network layer refused to send (bad URL or header line), a cancelled request, a certificate
+/// that was refused or could not be checked (kestrel::net::status::kErrorCertificate: it would be
+/// refused again). A POST may
 /// create something on the server, so it is retried only when it provably never reached the
 /// server: connection refused or name not resolved. GET, PUT and DELETE are idempotent and are
 /// retried on every transient outcome.

@@ -114,6 +114,7 @@ FailureClassifier::Diagnosis FailureClassifier::DiagnoseGenericFailure(
                          "check the network connection, or give the service's address with "
                          "--server"};
       case status::kErrorTls:
+      case status::kErrorCertificate:
         return Diagnosis{
             ExitCode::kNetwork,
             "the secure connection to " + where + " failed while " + action +

@@ -167,6 +167,7 @@ std::string RequestLog::DescribeCode(std::uint32_t code) {
     case status::kErrorConnectionReset:
       return "failed: connection reset";
     case status::kErrorTls:
+    case status::kErrorCertificate:
       return "failed: TLS";
     case status::kErrorTimedOut:
       return "failed: timed out";

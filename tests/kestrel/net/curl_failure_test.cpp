@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <thread>
 
 #include "kestrel/base/main_loop.h"
 #include "kestrel/net/connection_manager.h"
@@ -53,6 +54,49 @@ class Socket {
   int port_ = -1;
 };
 
+// A plain-TCP peer on 127.0.0.1 that answers whatever a connection sends first with an HTTP error
+// line and closes it: a TLS client's handshake breaks before any certificate is seen.
+class PlainPeer {
+ public:
+  PlainPeer() {
+    fd_ = ::socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t length = sizeof(address);
+    if (fd_ < 0 || ::bind(fd_, reinterpret_cast<sockaddr*>(&address), length) != 0 ||
+        ::listen(fd_, 4) != 0 ||
+        ::getsockname(fd_, reinterpret_cast<sockaddr*>(&address), &length) != 0) {
+      return;
+    }
+    port_ = ntohs(address.sin_port);
+    thread_ = std::thread([this] {
+      // Ends when the destructor shuts the listener down.
+      for (int client; (client = ::accept(fd_, nullptr, nullptr)) >= 0;) {
+        char hello[4096];
+        if (::recv(client, hello, sizeof(hello), 0) > 0) {
+          static const char kAnswer[] = "HTTP/1.1 400 Bad Request\r\nContent-Length: 0\r\n\r\n";
+          (void)::send(client, kAnswer, sizeof(kAnswer) - 1, MSG_NOSIGNAL);
+        }
+        ::close(client);
+      }
+    });
+  }
+  ~PlainPeer() {
+    if (fd_ >= 0) ::shutdown(fd_, SHUT_RDWR);
+    if (thread_.joinable()) thread_.join();
+    if (fd_ >= 0) ::close(fd_);
+  }
+  PlainPeer(const PlainPeer&) = delete;
+  PlainPeer& operator=(const PlainPeer&) = delete;
+  int port() const { return port_; }
+
+ private:
+  int fd_ = -1;
+  int port_ = -1;
+  std::thread thread_;
+};
+
 class CurlFailureTest : public CurlTest {
  protected:
   // Issues a GET through a manager with a one-second stall time-out and returns its recorder.
@@ -88,7 +132,7 @@ TEST_F(CurlFailureTest, UntrustedCertificate) {
   ASSERT_TRUE(transport_->Configure(config));
   const Outcome outcome = Fetch(kestrel::quire::kMethodGet, DocsUrl(QStringLiteral("/status/200")));
   EXPECT_EQ(outcome.status, 2);
-  EXPECT_EQ(ManagerFetch(DocsUrl(QStringLiteral("/status/200"))).code, status::kErrorTls);
+  EXPECT_EQ(ManagerFetch(DocsUrl(QStringLiteral("/status/200"))).code, status::kErrorCertificate);
   EXPECT_EQ(server_->requests(), 0);
 }
 
@@ -107,8 +151,17 @@ TEST_F(CurlFailureTest, WrongHostName) {
   ASSERT_TRUE(transport_->Configure(config));
   const QString url = QStringLiteral("https://elsewhere.quire.example/status/200");
   EXPECT_EQ(Fetch(kestrel::quire::kMethodGet, url).status, 2);
-  EXPECT_EQ(ManagerFetch(url).code, status::kErrorTls);
+  EXPECT_EQ(ManagerFetch(url).code, status::kErrorCertificate);
   EXPECT_EQ(server_->requests(), 0);
+}
+
+TEST_F(CurlFailureTest, ABrokenHandshakeIsATlsFailureNotARefusedCertificate) {
+  PlainPeer peer;
+  ASSERT_GT(peer.port(), 0);
+  MapDocsTo(peer.port());
+  EXPECT_EQ(Fetch(kestrel::quire::kMethodGet, DocsUrl(QStringLiteral("/x"))).status, 2);
+  EXPECT_EQ(ManagerFetch(DocsUrl(QStringLiteral("/x"))).code, status::kErrorTls)
+      << "no certificate was refused: another attempt may succeed";
 }
 
 TEST_F(CurlFailureTest, NoAnswerTimesOut) {

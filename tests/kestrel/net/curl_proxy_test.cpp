@@ -80,13 +80,13 @@ TEST_F(CurlProxyTest, CertificateIsStillCheckedAgainstTheRequestsHostName) {
       {QStringLiteral("elsewhere.quire.example"), QStringLiteral("127.0.0.1"), server_->port()});
   ASSERT_TRUE(transport_->Configure(config));
   EXPECT_EQ(CodeOf(QStringLiteral("https://elsewhere.quire.example/status/200")),
-            status::kErrorTls);
+            status::kErrorCertificate);
   EXPECT_EQ(proxy.connect_requests(), 1) << "the tunnel was opened, then TLS refused the name";
   EXPECT_EQ(server_->requests(), 0);
 
   config.extra_ca_certificate_files.clear();  // and an authority that is not trusted
   ASSERT_TRUE(transport_->Configure(config));
-  EXPECT_EQ(CodeOf(DocsUrl(QStringLiteral("/status/200"))), status::kErrorTls);
+  EXPECT_EQ(CodeOf(DocsUrl(QStringLiteral("/status/200"))), status::kErrorCertificate);
   EXPECT_EQ(server_->requests(), 0);
 }
 

@@ -59,11 +59,22 @@ TEST(RetryPolicyTest, FailuresWithoutAnAnswer) {
     EXPECT_TRUE(policy.IsTransient(kMethodGet, kStatusFailure, code)) << std::hex << code;
     EXPECT_TRUE(policy.IsTransient(kMethodPut, kStatusFailure, code)) << std::hex << code;
   }
-  for (std::uint32_t code : {net::kErrorInvalidRequest, net::kErrorNoTransport,
-                             net::kErrorCancelled, net::FromHttp(301), net::FromHttp(304)}) {
+  for (std::uint32_t code :
+       {net::kErrorInvalidRequest, net::kErrorNoTransport, net::kErrorCancelled,
+        net::kErrorCertificate, net::FromHttp(301), net::FromHttp(304)}) {
     EXPECT_FALSE(policy.IsTransient(kMethodGet, kStatusFailure, code)) << std::hex << code;
   }
   EXPECT_FALSE(policy.IsTransient(kMethodGet, kStatusCancelled, net::kErrorCancelled));
+}
+
+TEST(RetryPolicyTest, ARefusedCertificateIsFinalButACutHandshakeIsRetried) {
+  RetryPolicy policy;
+  for (int method : {kMethodGet, kMethodPut, kMethodDelete, kMethodPost}) {
+    EXPECT_FALSE(policy.IsTransient(method, kStatusFailure, net::kErrorCertificate)) << method;
+  }
+  EXPECT_TRUE(policy.IsTransient(kMethodGet, kStatusFailure, net::kErrorTls));
+  EXPECT_TRUE(policy.IsTransient(kMethodPut, kStatusFailure, net::kErrorTls));
+  EXPECT_TRUE(policy.IsTransient(kMethodDelete, kStatusFailure, net::kErrorTls));
 }
 
 TEST(RetryPolicyTest, APostIsRetriedOnlyWhenItNeverReachedTheServer) {
@@ -71,8 +82,8 @@ TEST(RetryPolicyTest, APostIsRetriedOnlyWhenItNeverReachedTheServer) {
   EXPECT_TRUE(policy.IsTransient(kMethodPost, kStatusFailure, net::kErrorConnectionRefused));
   EXPECT_TRUE(policy.IsTransient(kMethodPost, kStatusFailure, net::kErrorNameNotResolved));
   for (std::uint32_t code :
-       {0u, net::kErrorUnknown, net::kErrorConnectionReset, net::kErrorTls, net::kErrorTimedOut,
-        net::kErrorResponseTruncated, net::kErrorSendFailed}) {
+       {0u, net::kErrorUnknown, net::kErrorConnectionReset, net::kErrorTls, net::kErrorCertificate,
+        net::kErrorTimedOut, net::kErrorResponseTruncated, net::kErrorSendFailed}) {
     EXPECT_FALSE(policy.IsTransient(kMethodPost, kStatusFailure, code)) << std::hex << code;
   }
   for (int status : {408, 429, 500, 502, 503, 504}) {

@@ -155,6 +155,49 @@ TEST_F(RetryingConnectionTest, PermanentAnswersAreNotRetried) {
   EXPECT_TRUE(notices_.empty());
 }
 
+TEST_F(RetryingConnectionTest, ARefusedCertificateMakesExactlyOneAttempt) {
+  // Queued behind the certificate failure: a retry would take this success.
+  transport_.Enqueue(net::kErrorCertificate);
+  transport_.Enqueue(Http(200), "the next answer");
+  Result refused;
+  Issue(kMethodGet, &refused);
+  RunUntil([&] { return refused.calls > 0; });
+  RunUntilIdle();
+  EXPECT_EQ(refused.calls, 1);
+  EXPECT_EQ(refused.info.status, kStatusFailure);
+  EXPECT_EQ(refused.code, net::kErrorCertificate);
+  EXPECT_EQ(refused.attempts, 1);
+  EXPECT_TRUE(refused.body.isEmpty());
+  EXPECT_EQ(transport_.requests().size(), 1u);
+  EXPECT_EQ(transport_.queued(), 1u) << "no second attempt took the next answer";
+  EXPECT_TRUE(notices_.empty());
+  EXPECT_EQ(connection_->retries(), 0u);
+
+  // The next request gets the answer that was left.
+  Result next;
+  Issue(kMethodGet, &next);
+  RunUntil([&] { return next.calls > 0; });
+  EXPECT_EQ(next.info.status, kStatusSuccess);
+  EXPECT_EQ(next.body, QByteArray("the next answer"));
+  EXPECT_EQ(next.attempts, 1);
+}
+
+TEST_F(RetryingConnectionTest, AFailedHandshakeIsStillRetried) {
+  transport_.Enqueue(net::kErrorTls);
+  transport_.Enqueue(Http(200), "through");
+  Result result;
+  Issue(kMethodGet, &result);
+  RunUntil([&] { return result.calls > 0; });
+  RunUntilIdle();
+  EXPECT_EQ(result.calls, 1);
+  EXPECT_EQ(result.info.status, kStatusSuccess);
+  EXPECT_EQ(result.body, QByteArray("through"));
+  EXPECT_EQ(result.attempts, 2);
+  ASSERT_EQ(notices_.size(), 1u);
+  EXPECT_EQ(notices_[0].status, kStatusFailure);
+  EXPECT_EQ(notices_[0].network_code, net::kErrorTls);
+}
+
 TEST_F(RetryingConnectionTest, APostIsSentAgainOnlyWhenItNeverReachedTheServer) {
   transport_.Enqueue(net::kErrorConnectionRefused);
   transport_.Enqueue(net::kErrorNameNotResolved);

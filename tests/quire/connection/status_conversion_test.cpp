@@ -5,6 +5,7 @@
 #include <utility>
 #include <vector>
 
+#include "kestrel/net/network_status.h"
 #include "quire/connection/connection.h"
 #include "tests/support/test_support.h"
 
@@ -43,6 +44,18 @@ TEST_F(StatusConversionTest, Boundaries) {
   };
   for (const auto& [code, expected] : table) {
     EXPECT_EQ(StatusFor(code), expected) << std::hex << "code 0x" << code;
+  }
+}
+
+TEST_F(StatusConversionTest, EveryFailureWithoutAnAnswerIsStatus2) {
+  namespace net = kestrel::net::status;
+  for (std::uint32_t code :
+       {net::kErrorUnknown, net::kErrorNameNotResolved, net::kErrorConnectionRefused,
+        net::kErrorConnectionReset, net::kErrorTls, net::kErrorTimedOut,
+        net::kErrorResponseTruncated, net::kErrorInvalidRequest, net::kErrorNoTransport,
+        net::kErrorSendFailed, net::kErrorProxyUnreachable, net::kErrorProxyRefused,
+        net::kErrorProxyAuthenticationRequired, net::kErrorCertificate}) {
+    EXPECT_EQ(StatusFor(code), 2) << std::hex << "code 0x" << code;
   }
 }
 

@@ -225,6 +225,9 @@ TEST_F(CliEndToEndTest, AnUntrustedCertificateIsRefusedUnlessInsecureIsSpelledOu
   Check(result);
   EXPECT_EQ(result.exit_code, 3) << result.err;
   EXPECT_NE(result.err.find("--cacert"), std::string::npos) << result.err;
+  EXPECT_EQ(result.err.find(" made)"), std::string::npos)
+      << "a refused certificate would be refused again: no retry\n"
+      << result.err;
   result = runner_->Run({"--server", server_->url().toStdString(), "--insecure", "ls"});
   Check(result);
   EXPECT_EQ(result.exit_code, 0) << result.err;

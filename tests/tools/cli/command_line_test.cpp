@@ -387,6 +387,7 @@ TEST_F(CommandLineTest, EachFailureClassHasItsExitCode) {
       {Http(200), "<?xml version=\"1.0\"?><entry/>", 8, "could not be read"},
       {kestrel::net::status::kErrorConnectionRefused, "", 3, "connection refused"},
       {kestrel::net::status::kErrorTls, "", 3, "--cacert"},
+      {kestrel::net::status::kErrorCertificate, "", 3, "its certificate is not trusted"},
       {kestrel::net::status::kErrorTimedOut, "", 3, "--timeout"},
       {kestrel::net::status::kErrorNameNotResolved, "", 3, "could not be resolved"},
   };

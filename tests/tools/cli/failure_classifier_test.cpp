@@ -87,6 +87,12 @@ TEST_F(FailureDiagnosisTest, AGenericFailureIsExplainedByTheNetworkLayersCode) {
   d = Diagnose(status::kErrorTls);
   EXPECT_EQ(d.code, ExitCode::kNetwork);
   EXPECT_NE(d.todo.find("--cacert"), std::string::npos);
+  // A refused certificate reads exactly like any other TLS failure.
+  const auto tls = Diagnose(status::kErrorTls);
+  d = Diagnose(status::kErrorCertificate);
+  EXPECT_EQ(d.code, ExitCode::kNetwork);
+  EXPECT_EQ(d.what, tls.what);
+  EXPECT_EQ(d.todo, tls.todo);
 
   d = Diagnose(status::kErrorTimedOut);
   EXPECT_EQ(d.code, ExitCode::kNetwork);

@@ -382,6 +382,8 @@ TEST(RequestLogTest, DescribesStatusesAndFailures) {
   EXPECT_EQ(RequestLog::DescribeCode(status::kErrorConnectionRefused),
             "failed: connection refused");
   EXPECT_EQ(RequestLog::DescribeCode(status::kErrorTimedOut), "failed: timed out");
+  EXPECT_EQ(RequestLog::DescribeCode(status::kErrorTls), "failed: TLS");
+  EXPECT_EQ(RequestLog::DescribeCode(status::kErrorCertificate), "failed: TLS");
 }
 
 }  // namespace
