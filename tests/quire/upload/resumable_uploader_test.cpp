@@ -382,6 +382,9 @@ TEST_F(ResumableUploaderTest, AFileThatShrinksOrChangesFailsBeforeAChangedByteIs
           // Same size, other bytes, a later modification time.
           ASSERT_TRUE(file.seek(600000));
           file.write("changed");
+          // Written out before the time is set: a write at close() would stamp the time anew,
+          // possibly within the clock tick of the file's first modification time.
+          ASSERT_TRUE(file.flush());
           file.setFileTime(QDateTime::currentDateTime().addSecs(5),
                            QFileDevice::FileModificationTime);
           file.close();
