@@ -190,6 +190,15 @@ bool CurlSettings::Proxied(const char* host, bool secure) const {
   return true;
 }
 
+void CurlSettings::SetAuthorities(CURL* easy, CURLoption option, unsigned int flags) const {
+  if (extra_ca_pem.empty()) return;
+  curl_blob blob{};
+  blob.data = const_cast<char*>(extra_ca_pem.data());
+  blob.len = extra_ca_pem.size();
+  blob.flags = flags;
+  curl_easy_setopt(easy, option, &blob);
+}
+
 void CurlSettings::Apply(CURL* easy, bool secure, bool proxied, bool send_user_agent) const {
   // The proxy for the request's scheme; an empty one also turns off the proxy variables of the
   // environment, which the transport never reads.
@@ -208,13 +217,7 @@ void CurlSettings::Apply(CURL* easy, bool secure, bool proxied, bool send_user_a
     // An https proxy's own certificate is checked like the server's.
     curl_easy_setopt(easy, CURLOPT_PROXY_SSL_VERIFYPEER, verify_peer);
     curl_easy_setopt(easy, CURLOPT_PROXY_SSL_VERIFYHOST, verify_host);
-    if (!extra_ca_pem.empty()) {
-      curl_blob blob{};
-      blob.data = const_cast<char*>(extra_ca_pem.data());
-      blob.len = extra_ca_pem.size();
-      blob.flags = CURL_BLOB_NOCOPY;
-      curl_easy_setopt(easy, CURLOPT_PROXY_CAINFO_BLOB, &blob);
-    }
+    SetAuthorities(easy, CURLOPT_PROXY_CAINFO_BLOB, CURL_BLOB_NOCOPY);
   }
   if (send_user_agent && !user_agent.empty()) {
     curl_easy_setopt(easy, CURLOPT_USERAGENT, user_agent.c_str());
@@ -223,13 +226,7 @@ void CurlSettings::Apply(CURL* easy, bool secure, bool proxied, bool send_user_a
   // TLS.
   curl_easy_setopt(easy, CURLOPT_SSL_VERIFYPEER, verify_peer);
   curl_easy_setopt(easy, CURLOPT_SSL_VERIFYHOST, verify_host);
-  if (!extra_ca_pem.empty()) {
-    curl_blob blob{};
-    blob.data = const_cast<char*>(extra_ca_pem.data());
-    blob.len = extra_ca_pem.size();
-    blob.flags = CURL_BLOB_COPY;
-    curl_easy_setopt(easy, CURLOPT_CAINFO_BLOB, &blob);
-  }
+  SetAuthorities(easy, CURLOPT_CAINFO_BLOB, CURL_BLOB_COPY);
   if (connect_to != nullptr) curl_easy_setopt(easy, CURLOPT_CONNECT_TO, connect_to);
 }
 

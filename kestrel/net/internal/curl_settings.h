@@ -34,6 +34,9 @@ struct CurlSettings {
   /// goes through it), TLS verification and authorities, host mappings and the User-Agent line
   /// (`send_user_agent`).
   void Apply(CURL* easy, bool secure, bool proxied, bool send_user_agent) const;
+  /// Hands the extra authorities, if any, to `option` of `easy` (a CURLOPT_..._CAINFO_BLOB) with
+  /// the blob `flags` (CURL_BLOB_COPY or CURL_BLOB_NOCOPY).
+  void SetAuthorities(CURL* easy, CURLoption option, unsigned int flags) const;
 
   /// "host::address:port" lines.
   curl_slist* connect_to = nullptr;

@@ -12,18 +12,24 @@ namespace internal {
 namespace {
 
 TEST(CurlStatusMapTest, FailuresWithoutAnswerMapToTheirStatus) {
-  EXPECT_EQ(StatusForCurlError(CURLE_COULDNT_RESOLVE_HOST), status::kErrorNameNotResolved);
-  EXPECT_EQ(StatusForCurlError(CURLE_COULDNT_RESOLVE_PROXY), status::kErrorNameNotResolved);
-  EXPECT_EQ(StatusForCurlError(CURLE_COULDNT_CONNECT), status::kErrorConnectionRefused);
-  EXPECT_EQ(StatusForCurlError(CURLE_OPERATION_TIMEDOUT), status::kErrorTimedOut);
-  EXPECT_EQ(StatusForCurlError(CURLE_RECV_ERROR), status::kErrorConnectionReset);
-  EXPECT_EQ(StatusForCurlError(CURLE_SEND_ERROR), status::kErrorSendFailed);
-  EXPECT_EQ(StatusForCurlError(CURLE_PARTIAL_FILE), status::kErrorResponseTruncated);
-  EXPECT_EQ(StatusForCurlError(CURLE_GOT_NOTHING), status::kErrorResponseTruncated);
-  EXPECT_EQ(StatusForCurlError(CURLE_URL_MALFORMAT), status::kErrorInvalidRequest);
-  EXPECT_EQ(StatusForCurlError(CURLE_UNSUPPORTED_PROTOCOL), status::kErrorInvalidRequest);
-  EXPECT_EQ(StatusForCurlError(CURLE_OUT_OF_MEMORY), status::kErrorUnknown);
-  EXPECT_EQ(StatusForCurlError(CURLE_WRITE_ERROR), status::kErrorUnknown);
+  const struct {
+    CURLcode result;
+    std::uint32_t status;
+  } kCases[] = {
+      {CURLE_COULDNT_RESOLVE_HOST, status::kErrorNameNotResolved},
+      {CURLE_COULDNT_RESOLVE_PROXY, status::kErrorNameNotResolved},
+      {CURLE_COULDNT_CONNECT, status::kErrorConnectionRefused},
+      {CURLE_OPERATION_TIMEDOUT, status::kErrorTimedOut},
+      {CURLE_RECV_ERROR, status::kErrorConnectionReset},
+      {CURLE_SEND_ERROR, status::kErrorSendFailed},
+      {CURLE_PARTIAL_FILE, status::kErrorResponseTruncated},
+      {CURLE_GOT_NOTHING, status::kErrorResponseTruncated},
+      {CURLE_URL_MALFORMAT, status::kErrorInvalidRequest},
+      {CURLE_UNSUPPORTED_PROTOCOL, status::kErrorInvalidRequest},
+      {CURLE_OUT_OF_MEMORY, status::kErrorUnknown},
+      {CURLE_WRITE_ERROR, status::kErrorUnknown},
+  };
+  for (const auto& c : kCases) EXPECT_EQ(StatusForCurlError(c.result), c.status) << c.result;
 }
 
 TEST(CurlStatusMapTest, CutHandshakeIsTlsRefusedCertificateIsCertificate) {
