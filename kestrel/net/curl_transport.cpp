@@ -63,9 +63,12 @@ bool ParseUrl(const QString& text, Transfer* transfer) {
                (std::strcmp(scheme, "https") == 0 || std::strcmp(scheme, "http") == 0);
   transfer->secure = valid && std::strcmp(scheme, "https") == 0;
   curl_free(scheme);
+  // The host matters only when a proxy is set for the scheme (the no-proxy list may exempt it).
+  const CurlSettings& settings = *transfer->settings;
   char* host = nullptr;
-  if (valid && curl_url_get(transfer->url, CURLUPART_HOST, &host, 0) == CURLUE_OK) {
-    transfer->proxied = transfer->settings->Proxied(host, transfer->secure);
+  if (valid && !(transfer->secure ? settings.https_proxy : settings.http_proxy).empty() &&
+      curl_url_get(transfer->url, CURLUPART_HOST, &host, 0) == CURLUE_OK) {
+    transfer->proxied = settings.Proxied(host, transfer->secure);
   }
   curl_free(host);
   return valid;
