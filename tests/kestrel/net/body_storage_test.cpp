@@ -37,6 +37,13 @@ class BodyStorageTest : public ::testing::Test {
     return block;
   }
   void Give(const Block& block) { storage_->Give(block.data, block.size); }
+  // Takes a block for `capacity`, expects it to be `kept` and gives it back.
+  void ExpectTaken(std::size_t capacity, const Block& kept) {
+    const Block taken = Take(capacity);
+    EXPECT_EQ(taken.data, kept.data) << "for " << capacity;
+    EXPECT_EQ(taken.size, kept.size) << "for " << capacity;
+    Give(taken);
+  }
 
   long baseline_ = 0;
   BodyStorage* storage_ = nullptr;
@@ -46,10 +53,8 @@ TEST_F(BodyStorageTest, GivenBlockIsTakenAgainForASizeItFitsWithinTwice) {
   const Block first = Take(1000);
   EXPECT_EQ(first.size, 1000u);
   Give(first);
-  const Block again = Take(600);
-  EXPECT_EQ(again.data, first.data);
-  EXPECT_EQ(again.size, 1000u);
-  Give(again);
+  ExpectTaken(600, first);
+  ExpectTaken(1000, first);
 }
 
 TEST_F(BodyStorageTest, BlockMoreThanTwiceTheSizeOrTooSmallIsNotHandedOut) {
@@ -70,10 +75,7 @@ TEST_F(BodyStorageTest, SmallestFittingBlockIsChosen) {
   const Block medium = Take(2000);
   Give(big);
   Give(medium);
-  const Block taken = Take(1500);
-  EXPECT_EQ(taken.data, medium.data);
-  EXPECT_EQ(taken.size, 2000u);
-  Give(taken);
+  ExpectTaken(1500, medium);
 }
 
 TEST_F(BodyStorageTest, AtMostFourBlocksAreKeptAndTheOldestGoesFirst) {
@@ -84,15 +86,11 @@ TEST_F(BodyStorageTest, AtMostFourBlocksAreKeptAndTheOldestGoesFirst) {
   const long four_kept = live();
   Give(blocks[4]);
   EXPECT_EQ(live(), four_kept - 1);  // the fifth is kept, the first freed
-  // The four given last are kept, each handed out again for its own size...
-  for (std::size_t i = 1; i < blocks.size(); ++i) {
-    EXPECT_EQ(Take(blocks[i].size).data, blocks[i].data) << blocks[i].size;
-  }
-  // ...and the first, given back before them, went back to the memory manager.
-  const Block fresh = Take(1000);
-  EXPECT_EQ(fresh.size, 1000u);
-  for (std::size_t i = 1; i < blocks.size(); ++i) Give(blocks[i]);
-  Give(fresh);
+  // The first, given back before the others, went back to the memory manager: the smallest kept
+  // block that fits 1000 bytes is now the second...
+  ExpectTaken(1000, blocks[1]);
+  // ...and the others are kept, each handed out again for its own size.
+  for (std::size_t i = 2; i < blocks.size(); ++i) ExpectTaken(blocks[i].size, blocks[i]);
 }
 
 TEST_F(BodyStorageTest, CloseFreesKeptBlocksAndStorageLivesUntilTheLastIsGivenBack) {
