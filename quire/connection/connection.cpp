@@ -187,12 +187,11 @@ Connection::~Connection() {
 
 void Connection::Init(const std::vector<QString>& headers) {
   // The manager's arguments are fixed: 4 connections per host, 2 idle ones kept, keep-alive, a
-  // 60-second stall time-out, idle connections reused for 60 seconds.
+  // 60-second stall time-out, idle connections reused for 60 seconds. Init again replaces the
+  // manager.
   auto* manager = doNew<kestrel::net::ConnectionManager>(4, 2, true, 60.0, 60);
-  if (manager != connection_manager_) {
-    doDelete(connection_manager_);
-    connection_manager_ = manager;
-  }
+  doDelete(connection_manager_);
+  connection_manager_ = manager;
   if (in_flight_ != nullptr) in_flight_->manager = connection_manager_;
   fixed_headers_.reserve(fixed_headers_.size() + headers.size());
   for (const QString& line : headers) fixed_headers_.push_back(GetNetHeaderFromString(line));
