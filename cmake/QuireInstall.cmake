@@ -2,7 +2,7 @@
 # uses the library with find_package(Quire) and target_link_libraries(app Quire::quire).
 include(CMakePackageConfigHelpers)
 
-install(TARGETS kestrel quire quire_qt EXPORT QuireTargets
+install(TARGETS kestrel quire quire_qt quire_testing EXPORT QuireTargets
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
   ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}
   RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR}
@@ -31,7 +31,7 @@ set(QUIRE_PC_CFLAGS "")
 if(QUIRE_QT_MAJOR STREQUAL "5")
   set(QUIRE_PC_CFLAGS " -fPIC")
 endif()
-foreach(pc quire kestrel quire-qt)
+foreach(pc quire kestrel quire-qt quire-testing)
   configure_file(${PROJECT_SOURCE_DIR}/cmake/${pc}.pc.in ${PROJECT_BINARY_DIR}/${pc}.pc @ONLY)
   install(FILES ${PROJECT_BINARY_DIR}/${pc}.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 endforeach()

@@ -12,8 +12,8 @@ namespace kestrel {
 namespace net {
 
 /// The seam between the connection manager and whatever moves the bytes: CurlTransport for hosts,
-/// ScriptedTransport for tests, or a host's own implementation installed with
-/// TransportRegistry::SetDefault().
+/// ScriptedTransport for tests (in the testing library, Quire::testing), or a host's own
+/// implementation installed with TransportRegistry::SetDefault().
 class KESTREL_EXPORT ITransport {
  public:
   /// What becomes of requests in flight is the implementation's business, but each must still

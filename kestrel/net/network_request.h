@@ -138,8 +138,6 @@ class KESTREL_EXPORT NetworkRequest {
   /// The latest figures of the transfer. Main loop's thread; valid during
   /// Callback::OnRequestProgress() and after completion.
   const TransferProgress& progress() const { return progress_; }
-  /// The reference count, for kestrel::TestThenAdd().
-  volatile long* ref_count() { return &ref_count_; }
 
   /// Reports completion to the callback: once; later calls do nothing. Transports call it on the
   /// main loop's thread, after the response is in place. A cancelled request completes with

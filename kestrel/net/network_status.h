@@ -23,6 +23,15 @@ constexpr std::uint32_t FromHttp(int http_status) {
                            : kHttpErrorBase + static_cast<std::uint32_t>(http_status);
 }
 
+/// Whether `code` carries an HTTP answer (a status number on either base) rather than a failure
+/// without one.
+constexpr bool IsHttp(std::uint32_t code) {
+  return (code & 0xFFFF0000u) == kHttpSuccessBase || (code & 0xFFFF0000u) == kHttpErrorBase;
+}
+
+/// The HTTP status number that a code carries when IsHttp(code): ToHttp(FromHttp(404)) is 404.
+constexpr int ToHttp(std::uint32_t code) { return static_cast<int>(code & 0xFFFFu); }
+
 /// @name Failures without an HTTP answer
 /// The quire library reports each of them as status 2 (kestrel::quire::kStatusFailure).
 ///@{

@@ -1,5 +1,7 @@
 /// @file
-/// A deterministic in-memory transport for tests and benchmarks.
+/// A deterministic in-memory transport for tests and benchmarks. It lives in the testing library
+/// (quire_testing: find_package(Quire COMPONENTS testing) and Quire::testing, or pkg-config
+/// quire-testing), not in libkestrel.
 #pragma once
 
 #include <QByteArray>
@@ -13,7 +15,6 @@
 #include <utility>
 #include <vector>
 
-#include "kestrel/base/kestrel_export.h"
 #include "kestrel/net/i_transport.h"
 #include "kestrel/net/network_status.h"
 
@@ -28,7 +29,10 @@ namespace net {
 ///
 /// Install it with TransportRegistry::SetDefault() before creating the connection managers that
 /// should use it; it must outlive every request started on it. Main loop's thread only.
-class KESTREL_EXPORT ScriptedTransport : public ITransport {
+///
+/// Part of the static testing library (Quire::testing, pkg-config quire-testing), which a host's
+/// tests link beside the libraries; the shipped shared libraries do not contain it.
+class ScriptedTransport : public ITransport {
  public:
   /// One scripted answer.
   struct Answer {

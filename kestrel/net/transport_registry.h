@@ -21,9 +21,8 @@ class KESTREL_EXPORT TransportRegistry {
   static void SetDefault(ITransport* transport);
   /// The transport that a connection manager created now would use; never null.
   static ITransport* Default();
-  /// The built-in transport of the network layer: CurlTransport::Default() (in a build without
-  /// libcurl, a transport that completes every request with status::kErrorNoTransport). Never
-  /// null; it lives until the process ends.
+  /// The built-in transport of the network layer: CurlTransport::Default(). Never null; it lives
+  /// until the process ends.
   static ITransport* BuiltIn();
 };
 

@@ -4,9 +4,9 @@
 #include <cstdlib>
 #include <utility>
 
-#include "kestrel/base/atomic.h"
 #include "kestrel/base/main_thread_job_executor.h"
 #include "kestrel/net/network_request.h"
+#include "kestrel/net/network_status.h"
 #include "kestrel/net/server_info.h"
 
 namespace kestrel {
@@ -15,27 +15,28 @@ namespace {
 
 using kestrel::net::NetworkRequest;
 
-// Counted references to the network layer's request: the count is the first field after the
-// vtable; it changes only through TestThenAdd, and dropping the last reference releases the object.
-void TakeReference(NetworkRequest* request) { TestThenAdd(request->ref_count(), 1); }
+namespace net_status = kestrel::net::status;
 
-void DropReference(NetworkRequest* request) {
-  if (TestThenAdd(request->ref_count(), -1) == 1) request->Release();
+// The library's method numbers are handed to the network layer as they are.
+constexpr bool SameNumber(ConnectionMethod method, kestrel::net::HttpRequest::MethodType type) {
+  return static_cast<int>(method) == static_cast<int>(type);
 }
+static_assert(SameNumber(kMethodGet, kestrel::net::HttpRequest::kGet) &&
+                  SameNumber(kMethodPost, kestrel::net::HttpRequest::kPost) &&
+                  SameNumber(kMethodPut, kestrel::net::HttpRequest::kPut) &&
+                  SameNumber(kMethodDelete, kestrel::net::HttpRequest::kDelete),
+              "ConnectionMethod and HttpRequest::MethodType must number the methods alike");
 
 // Network-layer completion code -> NetworkResponseInfo::status. The table is deliberately partial:
-// 301, 303, 304, 305, 307 and other unlisted codes at or above 0x000A012C are failures (2), and
-// every code below it, a plain 0 included, is success.
+// the HTTP answers 300, 302, 308, 400 to 416 and 500 to 505 keep their number; 301, 303, 304, 305,
+// 307 and every other code from FromHttp(300) on are failures (2), and every code below it, a
+// plain 0 included, is success.
 std::int32_t ConvertStatus(std::uint32_t code) {
-  if (code == 0x000A012Cu) return 300;
-  if (code == 0x000A012Eu) return 302;
-  if (code == 0x000A0134u) return 308;
-  if (code >= 0xC00A0190u && code <= 0xC00A01A0u)
-    return static_cast<std::int32_t>(code - 0xC00A0190u) + 400;
-  if (code >= 0xC00A01F4u && code <= 0xC00A01F9u)
-    return static_cast<std::int32_t>(code - 0xC00A01F4u) + 500;
-  if (code < 0x000A012Cu) return kStatusSuccess;
-  return kStatusFailure;
+  const int http = net_status::ToHttp(code);
+  const bool kept = http == 300 || http == 302 || http == 308 || (http >= 400 && http <= 416) ||
+                    (http >= 500 && http <= 505);
+  if (net_status::IsHttp(code) && code == net_status::FromHttp(http) && kept) return http;
+  return code < net_status::FromHttp(300) ? kStatusSuccess : kStatusFailure;
 }
 
 class ConnectionCallback;
@@ -74,7 +75,7 @@ class ConnectionCallback : public NetworkRequest::Callback {
 
   ~ConnectionCallback() override {
     Unlink();
-    if (request_handle_ != nullptr) DropReference(request_handle_);
+    if (request_handle_ != nullptr) NetworkRequest::ReleaseRef(request_handle_);
     doDelete(response_headers_);
   }
 
@@ -100,8 +101,8 @@ class ConnectionCallback : public NetworkRequest::Callback {
   // Holds a reference on `request` (the manager's result) in place of any earlier one.
   void SetRequestHandle(NetworkRequest* request) {
     if (request == request_handle_) return;
-    if (request != nullptr) TakeReference(request);
-    if (request_handle_ != nullptr) DropReference(request_handle_);
+    if (request != nullptr) NetworkRequest::AddRef(request);
+    if (request_handle_ != nullptr) NetworkRequest::ReleaseRef(request_handle_);
     request_handle_ = request;
   }
 
@@ -186,12 +187,11 @@ Connection::~Connection() {
 
 void Connection::Init(const std::vector<QString>& headers) {
   // The manager's arguments are fixed: 4 connections per host, 2 idle ones kept, keep-alive, a
-  // 60-second stall time-out, idle connections reused for 60 seconds.
+  // 60-second stall time-out, idle connections reused for 60 seconds. Init again replaces the
+  // manager.
   auto* manager = doNew<kestrel::net::ConnectionManager>(4, 2, true, 60.0, 60);
-  if (manager != connection_manager_) {
-    doDelete(connection_manager_);
-    connection_manager_ = manager;
-  }
+  doDelete(connection_manager_);
+  connection_manager_ = manager;
   if (in_flight_ != nullptr) in_flight_->manager = connection_manager_;
   fixed_headers_.reserve(fixed_headers_.size() + headers.size());
   for (const QString& line : headers) fixed_headers_.push_back(GetNetHeaderFromString(line));

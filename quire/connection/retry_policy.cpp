@@ -156,9 +156,8 @@ bool RetryPolicy::IsTransient(std::uint32_t method, std::int32_t status,
   // The HTTP answer, if there was one: the network code carries it also where the status does
   // not (429 arrives as status 2).
   int http = 0;
-  const std::uint32_t range = network_code & 0xFFFF0000u;
-  if (range == net_status::kHttpSuccessBase || range == net_status::kHttpErrorBase) {
-    http = static_cast<int>(network_code & 0xFFFFu);
+  if (net_status::IsHttp(network_code)) {
+    http = net_status::ToHttp(network_code);
   } else if (status >= 300) {
     http = status;
   }

@@ -18,7 +18,8 @@ constexpr double kLongestTimerMs = 24.0 * 3600 * 1000;
 
 }  // namespace
 
-struct QtEventLoopDriver::Impl {
+// Hidden: a nested class of an exported class would otherwise be exported with it.
+struct __attribute__((visibility("hidden"))) QtEventLoopDriver::Impl {
   explicit Impl(MainLoop* main_loop)
       : loop(main_loop), receiver([this] {
           wake_queued.store(false, std::memory_order_release);

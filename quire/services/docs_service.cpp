@@ -51,6 +51,17 @@ void ParseAnswer(NetworkResponseInfo* response, const QByteArray& body, Record**
   }
 }
 
+// Reads the answer into a fresh Record (see ParseAnswer), hands both to `callback` and frees the
+// record when the callback returns.
+template <typename Record, typename Callback>
+void DeliverRecord(const Callback& callback, NetworkResponseInfo response, const QByteArray& body) {
+  Record* record = kestrel::doNew<Record>();
+  ParseAnswer(&response, body, &record);
+  if (!callback) std::abort();
+  callback(response, *record);
+  kestrel::doDelete(record);
+}
+
 }  // namespace
 
 DocsService::DocsService() : Service(QLatin1String(kProtocolVersion), nullptr) {}
@@ -111,11 +122,7 @@ unsigned int DocsService::DeleteEntry(const QUrl& url, const QString& etag,
 
 void DocsService::GetFeedDone(FeedCallback callback, NetworkResponseInfo response,
                               QByteArray body) {
-  DocsFeed* feed = kestrel::doNew<DocsFeed>();
-  ParseAnswer(&response, body, &feed);
-  if (!callback) std::abort();
-  callback(response, *feed);
-  kestrel::doDelete(feed);
+  DeliverRecord<DocsFeed>(callback, std::move(response), body);
 }
 
 void DocsService::GetEntryContentDone(ResponseCallback callback, NetworkResponseInfo response,
@@ -126,11 +133,7 @@ void DocsService::GetEntryContentDone(ResponseCallback callback, NetworkResponse
 
 void DocsService::EntryModifyDone(EntryCallback callback, NetworkResponseInfo response,
                                   QByteArray body) {
-  DocsEntry* entry = kestrel::doNew<DocsEntry>();
-  ParseAnswer(&response, body, &entry);
-  if (!callback) std::abort();
-  callback(response, *entry);
-  kestrel::doDelete(entry);
+  DeliverRecord<DocsEntry>(callback, std::move(response), body);
 }
 
 void DocsService::DeleteEntryDone(DeleteCallback callback, NetworkResponseInfo response,

@@ -6,13 +6,10 @@ namespace kestrel {
 namespace quire {
 
 Service::Service(const QString& version, IConnection* connection)
-    : connection_(nullptr),
+    : connection_(connection != nullptr ? connection : kestrel::doNew<Connection>()),
       oauth2_auth_token_(),
       oauth2_refresh_token_(),
       authorization_headers_() {
-  if (connection == nullptr) connection = kestrel::doNew<Connection>();
-  if (connection != connection_.get()) connection_.reset(connection);
-
   // The version line becomes one of the connection's fixed lines, sent ahead of every request's
   // own.
   std::vector<QString> version_lines;

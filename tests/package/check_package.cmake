@@ -49,6 +49,8 @@ endforeach()
 expect_file(${libdir}/libquire_qt.so)
 expect_file(${libdir}/libquire_qt.so.0)
 expect_file(${libdir}/pkgconfig/quire-qt.pc)
+expect_file(${libdir}/libquire_testing.a)
+expect_file(${libdir}/pkgconfig/quire-testing.pc)
 expect_file(${prefix}/include/quire/qt/qt_event_loop_driver.h)
 expect_file(${libdir}/cmake/Quire/QuireConfigVersion.cmake)
 expect_file(${prefix}/include/quire/quire.h)
@@ -101,6 +103,13 @@ execute_process(COMMAND ${PKG_CONFIG} --cflags --libs quire RESULT_VARIABLE resu
 if(NOT result EQUAL 0)
   message(FATAL_ERROR "pkg-config quire failed: ${err}")
 endif()
+# The consumers use the scripted transport, from the testing library.
+execute_process(COMMAND ${PKG_CONFIG} --cflags --libs quire-testing quire RESULT_VARIABLE result
+                OUTPUT_VARIABLE testing_flags ERROR_VARIABLE err OUTPUT_STRIP_TRAILING_WHITESPACE)
+if(NOT result EQUAL 0)
+  message(FATAL_ERROR "pkg-config quire-testing failed: ${err}")
+endif()
+separate_arguments(testing_flag_list UNIX_COMMAND "${testing_flags}")
 execute_process(COMMAND ${PKG_CONFIG} --modversion quire OUTPUT_VARIABLE version
                 OUTPUT_STRIP_TRAILING_WHITESPACE)
 message(STATUS "pkg-config quire ${version}: ${flags}")
@@ -117,11 +126,11 @@ endforeach()
 file(WRITE ${WORK_DIR}/all_headers.cpp "${all_headers}int main() { return 0; }\n")
 run(${cxx} -c ${WORK_DIR}/all_headers.cpp -o ${WORK_DIR}/all_headers.o ${flag_list})
 
-run(${cxx} ${CONSUMER_DIR}/main.cpp -o ${WORK_DIR}/pc-consumer ${flag_list})
+run(${cxx} ${CONSUMER_DIR}/main.cpp -o ${WORK_DIR}/pc-consumer ${testing_flag_list})
 run(${cxx} ${EXAMPLES_DIR}/list_documents/main.cpp -o ${WORK_DIR}/pc-list_documents ${flag_list})
 run(${cxx} ${EXAMPLES_DIR}/upload_file/main.cpp ${EXAMPLES_DIR}/upload_file/progress_connection.cpp
     -o ${WORK_DIR}/pc-upload_file ${flag_list})
-execute_process(COMMAND ${PKG_CONFIG} --cflags --libs quire-qt quire RESULT_VARIABLE result
+execute_process(COMMAND ${PKG_CONFIG} --cflags --libs quire-qt quire-testing quire RESULT_VARIABLE result
                 OUTPUT_VARIABLE qt_flags ERROR_VARIABLE err OUTPUT_STRIP_TRAILING_WHITESPACE)
 if(NOT result EQUAL 0)
   message(FATAL_ERROR "pkg-config quire-qt failed: ${err}")

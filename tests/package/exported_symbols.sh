@@ -23,9 +23,14 @@ bad=$(printf '%s\n' "$symbols" | grep -v -E '^((typeinfo|typeinfo name|vtable) f
 if [ -n "$bad" ]; then
   echo "libkestrel exports symbols outside kestrel::"; printf '%s\n' "$bad"; status=1
 fi
-bad=$(printf '%s\n' "$symbols" | grep -E 'anonymous namespace|::internal::' || true)
+bad=$(printf '%s\n' "$symbols" | grep -E 'anonymous namespace|::internal::|::Impl(::|$)' || true)
 if [ -n "$bad" ]; then
   echo "libkestrel exports internal symbols:"; printf '%s\n' "$bad"; status=1
+fi
+# The test doubles live in the static testing library, not in the shipped one.
+bad=$(printf '%s\n' "$symbols" | grep -E 'ScriptedTransport' || true)
+if [ -n "$bad" ]; then
+  echo "libkestrel exports the testing library's classes:"; printf '%s\n' "$bad"; status=1
 fi
 [ $status -eq 0 ] && echo "exported symbols: only public classes"
 exit $status

@@ -21,3 +21,16 @@ quire_add_test(kestrel_curl_test
   LIBS quire_test_support quire_test_certificates quire_test_proxy PkgConfig::CURL_TEST_HTTPLIB OpenSSL::SSL OpenSSL::Crypto Threads::Threads)
 target_compile_definitions(kestrel_curl_test PRIVATE
   KESTREL_TEST_PROJECT_VERSION="${PROJECT_VERSION}")
+
+# The transport's parts that need no socket (header lines, status mapping, body storage). They are internal to
+# libkestrel (hidden), so their sources are compiled into the test program.
+find_package(CURL REQUIRED)
+quire_add_test(kestrel_curl_parts_test
+  SOURCES
+    net/header_lines_test.cpp
+    net/curl_status_map_test.cpp
+    net/body_storage_test.cpp
+    ${PROJECT_SOURCE_DIR}/kestrel/net/internal/body_storage.cpp
+    ${PROJECT_SOURCE_DIR}/kestrel/net/internal/header_lines.cpp
+    ${PROJECT_SOURCE_DIR}/kestrel/net/internal/curl_status.cpp
+  LIBS kestrel CURL::libcurl)
