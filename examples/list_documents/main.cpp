@@ -15,8 +15,9 @@
 #include <cstring>
 
 #include <kestrel/base/main_loop.h>
-#include <kestrel/net/curl_transport.h>
 #include <quire/quire.h>
+
+#include "../use_emulator.h"
 
 namespace {
 
@@ -24,24 +25,7 @@ using kestrel::quire::DocsEntry;
 using kestrel::quire::DocsFeed;
 using kestrel::quire::DocsService;
 using kestrel::quire::NetworkResponseInfo;
-
-// Sends the library's fixed host names to a local emulator at `address` ("127.0.0.1:8443") and
-// trusts its certificate. Must run before the first service is created.
-bool UseEmulator(const QString& address, const QString& ca_file) {
-  const int colon = address.lastIndexOf(QLatin1Char(':'));
-  bool port_ok = false;
-  const int port = address.mid(colon + 1).toInt(&port_ok);
-  if (colon <= 0 || !port_ok) return false;
-  QString host = address.left(colon);
-  if (host.startsWith(QLatin1Char('[')) && host.endsWith(QLatin1Char(']'))) {
-    host = host.mid(1, host.size() - 2);  // an IPv6 address goes without brackets
-  }
-  kestrel::net::CurlTransportConfig config;
-  config.host_mappings = {{QStringLiteral("docs.quire.example"), host, port},
-                          {QStringLiteral("api.quire.example"), host, port}};
-  if (!ca_file.isEmpty()) config.extra_ca_certificate_files = {ca_file};
-  return kestrel::net::CurlTransport::Default()->Configure(config);
-}
+using quire_examples::UseEmulator;
 
 int Usage() {
   std::fprintf(stderr,

@@ -22,10 +22,10 @@
 #include <cstring>
 
 #include <kestrel/base/main_loop.h>
-#include <kestrel/net/curl_transport.h>
 #include <kestrel/xml/xml_reader.h>
 #include <quire/quire.h>
 
+#include "../use_emulator.h"
 #include "progress_connection.h"
 
 namespace {
@@ -35,25 +35,8 @@ using kestrel::quire::DocsEntry;
 using kestrel::quire::DocsFeed;
 using kestrel::quire::DocsService;
 using kestrel::quire::NetworkResponseInfo;
+using quire_examples::UseEmulator;
 using upload_example::ProgressConnection;
-
-// Sends the library's fixed host names to a local emulator at `address` ("127.0.0.1:8443") and
-// trusts its certificate. Must run before the first service or connection is created.
-bool UseEmulator(const QString& address, const QString& ca_file) {
-  const int colon = address.lastIndexOf(QLatin1Char(':'));
-  bool port_ok = false;
-  const int port = address.mid(colon + 1).toInt(&port_ok);
-  if (colon <= 0 || !port_ok) return false;
-  QString host = address.left(colon);
-  if (host.startsWith(QLatin1Char('[')) && host.endsWith(QLatin1Char(']'))) {
-    host = host.mid(1, host.size() - 2);  // an IPv6 address goes without brackets
-  }
-  kestrel::net::CurlTransportConfig config;
-  config.host_mappings = {{QStringLiteral("docs.quire.example"), host, port},
-                          {QStringLiteral("api.quire.example"), host, port}};
-  if (!ca_file.isEmpty()) config.extra_ca_certificate_files = {ca_file};
-  return kestrel::net::CurlTransport::Default()->Configure(config);
-}
 
 int Usage() {
   std::fprintf(stderr,
