@@ -46,6 +46,19 @@ std::optional<DocumentRecord> SelectLocked(Database& db, const std::string& id) 
   return ReadRecord(select);
 }
 
+// Runs `statement` with the record's id, title, media type, size, blob, entity tag and time of
+// update as its parameters ?1 to ?7 (the columns that new content sets).
+void RunWithContent(SqliteStatement* statement, const DocumentRecord& record) {
+  statement->Bind(1, record.id)
+      .Bind(2, record.title)
+      .Bind(3, record.content_type)
+      .Bind(4, static_cast<std::int64_t>(record.size))
+      .Bind(5, record.blob)
+      .Bind(6, record.etag)
+      .Bind(7, record.updated_ms)
+      .Run();
+}
+
 std::vector<std::string> ListDirectory(const std::string& dir) {
   std::vector<std::string> names;
   DIR* d = ::opendir(dir.c_str());
@@ -157,14 +170,7 @@ DocumentRecord DocumentStore::Create(const ContentSource& source, const std::str
         db_,
         "INSERT INTO documents(id, seq, title, content_type, size, blob, etag, updated_ms) "
         "VALUES (?1, (SELECT COALESCE(MAX(seq), 0) + 1 FROM documents), ?2, ?3, ?4, ?5, ?6, ?7)");
-    insert.Bind(1, record.id)
-        .Bind(2, record.title)
-        .Bind(3, record.content_type)
-        .Bind(4, static_cast<std::int64_t>(record.size))
-        .Bind(5, record.blob)
-        .Bind(6, record.etag)
-        .Bind(7, record.updated_ms)
-        .Run();
+    RunWithContent(&insert, record);
     BumpFeed(record.updated_ms);
     if (also) also();
     tx.Commit();
@@ -205,14 +211,7 @@ DocumentStore::Outcome DocumentStore::Replace(const std::string& id, const Conte
     SqliteStatement update(db_,
                            "UPDATE documents SET title = ?2, content_type = ?3, size = ?4, "
                            "blob = ?5, etag = ?6, updated_ms = ?7 WHERE id = ?1");
-    update.Bind(1, id)
-        .Bind(2, updated.title)
-        .Bind(3, updated.content_type)
-        .Bind(4, static_cast<std::int64_t>(updated.size))
-        .Bind(5, updated.blob)
-        .Bind(6, updated.etag)
-        .Bind(7, updated.updated_ms)
-        .Run();
+    RunWithContent(&update, updated);
     BumpFeed(updated.updated_ms);
     if (also) also();
     tx.Commit();
