@@ -74,7 +74,8 @@ ResumableUploader::~ResumableUploader() {
 }
 
 bool ResumableUploader::Begin(const QString& url, const QString& metadata,
-                              const QString& content_type, ResponseCallback* callback) {
+                              const QString& content_type, bool arguments_valid,
+                              ResponseCallback* callback) {
   if (!*callback) std::abort();  // an empty callback is a programming error
   if (state_ != kIdle) {
     // The running upload is left alone; only the new caller hears of the refusal.
@@ -92,7 +93,7 @@ bool ResumableUploader::Begin(const QString& url, const QString& metadata,
   chunk_position_ = 0;
   failures_in_a_row_ = 0;
   gone_once_ = false;
-  if (connection_ == nullptr || chunk_size_ == 0) {
+  if (connection_ == nullptr || chunk_size_ == 0 || !arguments_valid) {
     FailLater(kInvalidArgument, std::move(*callback));
     return false;
   }
@@ -111,12 +112,10 @@ bool ResumableUploader::OpenFile(const QString& file_path, ResponseCallback* cal
 unsigned int ResumableUploader::Start(const QString& url, const QString& metadata,
                                       const QString& content_type, const QString& file_path,
                                       ResponseCallback callback) {
-  if (!Begin(url, metadata, content_type, &callback)) return 0;
-  if (url.isEmpty()) {
-    FailLater(kInvalidArgument, std::move(callback));
+  if (!Begin(url, metadata, content_type, !url.isEmpty(), &callback) ||
+      !OpenFile(file_path, &callback)) {
     return 0;
   }
-  if (!OpenFile(file_path, &callback)) return 0;
   callback_ = std::move(callback);
   return SendPost();
 }
@@ -124,9 +123,7 @@ unsigned int ResumableUploader::Start(const QString& url, const QString& metadat
 unsigned int ResumableUploader::Start(const QString& url, const QString& metadata,
                                       const QString& content_type, QIODevice* device,
                                       std::int64_t total_bytes, ResponseCallback callback) {
-  if (!Begin(url, metadata, content_type, &callback)) return 0;
-  if (url.isEmpty() || device == nullptr) {
-    FailLater(kInvalidArgument, std::move(callback));
+  if (!Begin(url, metadata, content_type, !url.isEmpty() && device != nullptr, &callback)) {
     return 0;
   }
   const Error opened = source_->OpenDevice(device, &total_bytes);
@@ -142,12 +139,10 @@ unsigned int ResumableUploader::Start(const QString& url, const QString& metadat
 unsigned int ResumableUploader::Resume(const QString& session_url, const QString& url,
                                        const QString& metadata, const QString& content_type,
                                        const QString& file_path, ResponseCallback callback) {
-  if (!Begin(url, metadata, content_type, &callback)) return 0;
-  if (session_url.isEmpty()) {
-    FailLater(kInvalidArgument, std::move(callback));
+  if (!Begin(url, metadata, content_type, !session_url.isEmpty(), &callback) ||
+      !OpenFile(file_path, &callback)) {
     return 0;
   }
-  if (!OpenFile(file_path, &callback)) return 0;
   callback_ = std::move(callback);
   session_url_ = session_url;
   return SendQuery();

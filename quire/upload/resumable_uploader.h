@@ -178,8 +178,10 @@ class QUIRE_EXPORT ResumableUploader {
   enum State { kIdle, kOpening, kSending, kQuerying, kWaiting };
   struct Token;
 
+  // Prepares a new upload; false when it cannot start (another one runs, or the arguments are not
+  // valid: `arguments_valid` false is an invalid argument too), the callback then told later.
   bool Begin(const QString& url, const QString& metadata, const QString& content_type,
-             ResponseCallback* callback);
+             bool arguments_valid, ResponseCallback* callback);
   bool OpenFile(const QString& file_path, ResponseCallback* callback);
   unsigned int SendPost();
   unsigned int SendQuery();

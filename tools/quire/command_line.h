@@ -18,6 +18,7 @@ class App;
 
 namespace quire_cli {
 
+class Client;
 class RetryTally;
 class TransportInstallation;
 
@@ -61,6 +62,8 @@ class CommandLine {
 
   // Puts the transport for the global options in place (until this object goes).
   void InstallTransport();
+  // Puts the transport in place and returns a client of the service that sends `token`.
+  Client Connect(const QString& token);
   QString Token();
   QString StatePath() const;
   std::ostream& out() { return *host_->out; }

@@ -6,6 +6,12 @@
 
 namespace kestrel {
 namespace xml_internal {
+namespace {
+
+// The zero bytes after the document: one SSE2 load's worth.
+constexpr std::size_t kPadding = 16;
+
+}  // namespace
 
 XmlParseBuffer::XmlParseBuffer(std::size_t capacity)
     : data_(static_cast<char*>(MemoryManager::Default()->Malloc(capacity + kPadding))),

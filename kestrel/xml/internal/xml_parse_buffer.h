@@ -8,14 +8,11 @@ namespace kestrel {
 namespace xml_internal {
 
 /// The document's bytes in UTF-8, copied into memory from the memory manager that pugixml parses in
-/// place. Zero bytes follow the document so that the string scans of the tree builder may read
-/// sixteen bytes at a time from any string start without leaving the block.
+/// place. Sixteen zero bytes follow the document so that the string scans of the tree builder may
+/// read sixteen bytes at a time from any string start without leaving the block.
 class XmlParseBuffer {
  public:
-  /// How many zero bytes follow the largest document the buffer can hold.
-  static constexpr std::size_t kPadding = 16;
-
-  /// Room for a document of up to `capacity` bytes (and its padding).
+  /// Room for a document of up to `capacity` bytes (and the zeros after it).
   explicit XmlParseBuffer(std::size_t capacity);
   /// Gives the memory back to the memory manager.
   ~XmlParseBuffer();

@@ -103,6 +103,16 @@ std::size_t ScanName(const XmlParseBuffer& buffer, const char* p, bool* non_asci
   return size;
 }
 
+// The five entities XML predefines: the name with its ';', its length, and the character it
+// stands for.
+struct PredefinedEntity {
+  const char* name;
+  std::size_t length;
+  char character;
+};
+constexpr PredefinedEntity kPredefinedEntities[] = {
+    {"lt;", 3, '<'}, {"gt;", 3, '>'}, {"amp;", 4, '&'}, {"apos;", 5, '\''}, {"quot;", 5, '"'}};
+
 // Decodes the references of `span` (the five predefined entities and character references) and
 // appends the result to `out`. Returns false and sets *bad at a reference that is malformed, names
 // another entity, or denotes a character XML does not allow.
@@ -148,28 +158,17 @@ bool AppendDecoded(const XmlTreeBuilder::Span& span, XmlScratch* out, const char
       p = q + 1;
       continue;
     }
-    char replacement;
-    std::size_t length;  // of the name and its ';'
-    if (left >= 3 && std::memcmp(q, "lt;", 3) == 0) {
-      replacement = '<';
-      length = 3;
-    } else if (left >= 3 && std::memcmp(q, "gt;", 3) == 0) {
-      replacement = '>';
-      length = 3;
-    } else if (left >= 4 && std::memcmp(q, "amp;", 4) == 0) {
-      replacement = '&';
-      length = 4;
-    } else if (left >= 5 && std::memcmp(q, "apos;", 5) == 0) {
-      replacement = '\'';
-      length = 5;
-    } else if (left >= 5 && std::memcmp(q, "quot;", 5) == 0) {
-      replacement = '"';
-      length = 5;
-    } else {
-      return false;  // an entity only a DTD could define (never expanded), or no reference at all
+    const PredefinedEntity* entity = nullptr;
+    for (const PredefinedEntity& candidate : kPredefinedEntities) {
+      if (left >= candidate.length && std::memcmp(q, candidate.name, candidate.length) == 0) {
+        entity = &candidate;
+        break;
+      }
     }
-    *target++ = replacement;
-    p = q + length;
+    // Else an entity only a DTD could define (never expanded), or no reference at all.
+    if (entity == nullptr) return false;
+    *target++ = entity->character;
+    p = q + entity->length;
   }
   out->Grow(static_cast<std::size_t>(target - start));
   return true;
