@@ -11,13 +11,11 @@
 #include <QByteArray>
 #include <QString>
 #include <cstdio>
-#include <cstdlib>
-#include <cstring>
 
 #include <kestrel/base/main_loop.h>
 #include <quire/quire.h>
 
-#include "../use_emulator.h"
+#include "../example_options.h"
 
 namespace {
 
@@ -25,7 +23,6 @@ using kestrel::quire::DocsEntry;
 using kestrel::quire::DocsFeed;
 using kestrel::quire::DocsService;
 using kestrel::quire::NetworkResponseInfo;
-using quire_examples::UseEmulator;
 
 int Usage() {
   std::fprintf(stderr,
@@ -45,32 +42,16 @@ void PrintEntry(const DocsEntry& entry) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  QString emulator;
-  QString ca_file;
+  quire_examples::EmulatorOptions emulator;
   for (int i = 1; i < argc; ++i) {
-    const bool has_value = i + 1 < argc;
-    if (std::strcmp(argv[i], "--emulator") == 0 && has_value) {
-      emulator = QString::fromLocal8Bit(argv[++i]);
-    } else if (std::strcmp(argv[i], "--ca-file") == 0 && has_value) {
-      ca_file = QString::fromLocal8Bit(argv[++i]);
-    } else {
-      return Usage();
-    }
+    if (!emulator.Take(argc, argv, &i)) return Usage();
   }
-  const char* token = std::getenv("QUIRE_TOKEN");
-  if (token == nullptr || *token == '\0') {
-    std::fprintf(stderr, "list_documents: set QUIRE_TOKEN to a bearer token\n");
-    return 2;
-  }
-  if (!emulator.isEmpty() && !UseEmulator(emulator, ca_file)) {
-    std::fprintf(stderr, "list_documents: cannot use the emulator at %s (with CA file \"%s\")\n",
-                 qPrintable(emulator), qPrintable(ca_file));
-    return 2;
-  }
+  const QString token = quire_examples::TokenFromEnvironment("list_documents");
+  if (token.isEmpty() || !emulator.Apply("list_documents")) return 2;
 
   // The service creates its own connection and owns it. The token lives in memory only.
   DocsService docs;
-  docs.SetOAuth2AuthToken(QString::fromUtf8(token));
+  docs.SetOAuth2AuthToken(token);
 
   bool done = false;
   int exit_status = 1;
