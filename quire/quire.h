@@ -11,7 +11,6 @@
 #include "quire/connection/retry_policy.h"
 #include "quire/connection/retrying_connection.h"
 #include "quire/model/docs_entry.h"
-#include "quire/model/docs_entry_fields.h"
 #include "quire/model/docs_feed.h"
 #include "quire/model/link_relations.h"
 #include "quire/model/pointer_vector.h"

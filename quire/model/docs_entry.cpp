@@ -10,7 +10,7 @@ using internal::Latin1;
 using internal::LookupAttribute;
 using internal::UrlFromAttribute;
 
-DocsEntry::DocsEntry() = default;
+DocsEntry::DocsEntry() : removed(false), starred(false) {}
 
 DocsEntry::~DocsEntry() = default;
 

@@ -2,7 +2,9 @@
 // only for the duration of a callback.
 #pragma once
 
-#include "quire/model/docs_entry_fields.h"
+#include <QString>
+#include <QStringList>
+#include <QUrl>
 
 namespace kestrel {
 namespace quire {
@@ -12,9 +14,23 @@ class DocsEntry;
 
 namespace quire_cli {
 
-struct DocRecord : kestrel::quire::DocsEntryFields {
-  // A copy of `entry`'s fields.
+struct DocRecord {
+  // A copy of `entry`, field by field.
   static DocRecord FromEntry(const kestrel::quire::DocsEntry& entry);
+
+  QUrl acl_feed_link;
+  QUrl edit_link;
+  QUrl resumable_edit_media_link;
+  QString etag;
+  QString id;
+  QStringList reserved_strings;
+  QString updated;
+  QString content_type;
+  QUrl revisions_feed_link;
+  QString title;
+  QUrl content_src;
+  bool removed = false;
+  bool starred = false;
 };
 
 }  // namespace quire_cli
