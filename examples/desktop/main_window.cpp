@@ -30,27 +30,25 @@ const char kUploadUrl[] = "https://docs.quire.example/upload/feeds/default/priva
 
 QString XmlEscaped(const QString& text) { return text.toHtmlEscaped(); }
 
-// The retries of the window's requests: a few, soon, so that a person waits seconds, not minutes,
-// for a message when the service stays away.
-kestrel::quire::RetryPolicy WindowPolicy() {
+// A policy of at most `attempts` attempts in a row, waiting from `first_wait` up to `longest_wait`
+// seconds between them, and giving up `deadline` seconds after the first failure.
+kestrel::quire::RetryPolicy Policy(int attempts, double first_wait, double longest_wait,
+                                   double deadline) {
   kestrel::quire::RetryPolicy policy;
-  policy.set_max_attempts(3);
-  policy.set_base_backoff_seconds(0.25);
-  policy.set_max_backoff_seconds(2.0);
-  policy.set_total_deadline_seconds(15.0);
+  policy.set_max_attempts(attempts);
+  policy.set_base_backoff_seconds(first_wait);
+  policy.set_max_backoff_seconds(longest_wait);
+  policy.set_total_deadline_seconds(deadline);
   return policy;
 }
 
+// The retries of the window's requests: a few, soon, so that a person waits seconds, not minutes,
+// for a message when the service stays away.
+kestrel::quire::RetryPolicy WindowPolicy() { return Policy(3, 0.25, 2.0, 15.0); }
+
 // The retries of an upload: more patient, since a large upload that has come far is worth a wait;
 // any progress starts the count again, so only a service that stays away ends it.
-kestrel::quire::RetryPolicy UploadPolicy() {
-  kestrel::quire::RetryPolicy policy;
-  policy.set_max_attempts(6);
-  policy.set_base_backoff_seconds(0.5);
-  policy.set_max_backoff_seconds(8.0);
-  policy.set_total_deadline_seconds(60.0);
-  return policy;
-}
+kestrel::quire::RetryPolicy UploadPolicy() { return Policy(6, 0.5, 8.0, 60.0); }
 
 }  // namespace
 

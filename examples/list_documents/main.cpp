@@ -11,12 +11,11 @@
 #include <QByteArray>
 #include <QString>
 #include <cstdio>
-#include <cstdlib>
-#include <cstring>
 
 #include <kestrel/base/main_loop.h>
-#include <kestrel/net/curl_transport.h>
 #include <quire/quire.h>
+
+#include "../example_options.h"
 
 namespace {
 
@@ -24,24 +23,6 @@ using kestrel::quire::DocsEntry;
 using kestrel::quire::DocsFeed;
 using kestrel::quire::DocsService;
 using kestrel::quire::NetworkResponseInfo;
-
-// Sends the library's fixed host names to a local emulator at `address` ("127.0.0.1:8443") and
-// trusts its certificate. Must run before the first service is created.
-bool UseEmulator(const QString& address, const QString& ca_file) {
-  const int colon = address.lastIndexOf(QLatin1Char(':'));
-  bool port_ok = false;
-  const int port = address.mid(colon + 1).toInt(&port_ok);
-  if (colon <= 0 || !port_ok) return false;
-  QString host = address.left(colon);
-  if (host.startsWith(QLatin1Char('[')) && host.endsWith(QLatin1Char(']'))) {
-    host = host.mid(1, host.size() - 2);  // an IPv6 address goes without brackets
-  }
-  kestrel::net::CurlTransportConfig config;
-  config.host_mappings = {{QStringLiteral("docs.quire.example"), host, port},
-                          {QStringLiteral("api.quire.example"), host, port}};
-  if (!ca_file.isEmpty()) config.extra_ca_certificate_files = {ca_file};
-  return kestrel::net::CurlTransport::Default()->Configure(config);
-}
 
 int Usage() {
   std::fprintf(stderr,
@@ -61,32 +42,16 @@ void PrintEntry(const DocsEntry& entry) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  QString emulator;
-  QString ca_file;
+  quire_examples::EmulatorOptions emulator;
   for (int i = 1; i < argc; ++i) {
-    const bool has_value = i + 1 < argc;
-    if (std::strcmp(argv[i], "--emulator") == 0 && has_value) {
-      emulator = QString::fromLocal8Bit(argv[++i]);
-    } else if (std::strcmp(argv[i], "--ca-file") == 0 && has_value) {
-      ca_file = QString::fromLocal8Bit(argv[++i]);
-    } else {
-      return Usage();
-    }
+    if (!emulator.Take(argc, argv, &i)) return Usage();
   }
-  const char* token = std::getenv("QUIRE_TOKEN");
-  if (token == nullptr || *token == '\0') {
-    std::fprintf(stderr, "list_documents: set QUIRE_TOKEN to a bearer token\n");
-    return 2;
-  }
-  if (!emulator.isEmpty() && !UseEmulator(emulator, ca_file)) {
-    std::fprintf(stderr, "list_documents: cannot use the emulator at %s (with CA file \"%s\")\n",
-                 qPrintable(emulator), qPrintable(ca_file));
-    return 2;
-  }
+  const QString token = quire_examples::TokenFromEnvironment("list_documents");
+  if (token.isEmpty() || !emulator.Apply("list_documents")) return 2;
 
   // The service creates its own connection and owns it. The token lives in memory only.
   DocsService docs;
-  docs.SetOAuth2AuthToken(QString::fromUtf8(token));
+  docs.SetOAuth2AuthToken(token);
 
   bool done = false;
   int exit_status = 1;

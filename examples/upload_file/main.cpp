@@ -18,14 +18,13 @@
 #include <QUrl>
 #include <cstdint>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 
 #include <kestrel/base/main_loop.h>
-#include <kestrel/net/curl_transport.h>
 #include <kestrel/xml/xml_reader.h>
 #include <quire/quire.h>
 
+#include "../example_options.h"
 #include "progress_connection.h"
 
 namespace {
@@ -36,24 +35,6 @@ using kestrel::quire::DocsFeed;
 using kestrel::quire::DocsService;
 using kestrel::quire::NetworkResponseInfo;
 using upload_example::ProgressConnection;
-
-// Sends the library's fixed host names to a local emulator at `address` ("127.0.0.1:8443") and
-// trusts its certificate. Must run before the first service or connection is created.
-bool UseEmulator(const QString& address, const QString& ca_file) {
-  const int colon = address.lastIndexOf(QLatin1Char(':'));
-  bool port_ok = false;
-  const int port = address.mid(colon + 1).toInt(&port_ok);
-  if (colon <= 0 || !port_ok) return false;
-  QString host = address.left(colon);
-  if (host.startsWith(QLatin1Char('[')) && host.endsWith(QLatin1Char(']'))) {
-    host = host.mid(1, host.size() - 2);  // an IPv6 address goes without brackets
-  }
-  kestrel::net::CurlTransportConfig config;
-  config.host_mappings = {{QStringLiteral("docs.quire.example"), host, port},
-                          {QStringLiteral("api.quire.example"), host, port}};
-  if (!ca_file.isEmpty()) config.extra_ca_certificate_files = {ca_file};
-  return kestrel::net::CurlTransport::Default()->Configure(config);
-}
 
 int Usage() {
   std::fprintf(stderr,
@@ -75,10 +56,10 @@ int main(int argc, char** argv) {
   QString title;
   QString type = QStringLiteral("application/octet-stream");
   std::uint32_t chunk_size = 8u << 20;
-  QString emulator;
-  QString ca_file;
+  quire_examples::EmulatorOptions emulator;
   for (int i = 1; i < argc; ++i) {
     const bool has_value = i + 1 < argc;
+    if (emulator.Take(argc, argv, &i)) continue;
     if (std::strcmp(argv[i], "--title") == 0 && has_value) {
       title = QString::fromLocal8Bit(argv[++i]);
     } else if (std::strcmp(argv[i], "--type") == 0 && has_value) {
@@ -89,10 +70,6 @@ int main(int argc, char** argv) {
       // Each chunk after the first starts again at the last byte the service holds, so a chunk
       // must carry at least two bytes to move the upload on.
       if (!ok || chunk_size < 2) return Usage();
-    } else if (std::strcmp(argv[i], "--emulator") == 0 && has_value) {
-      emulator = QString::fromLocal8Bit(argv[++i]);
-    } else if (std::strcmp(argv[i], "--ca-file") == 0 && has_value) {
-      ca_file = QString::fromLocal8Bit(argv[++i]);
     } else if (argv[i][0] != '-' && path.isEmpty()) {
       path = QString::fromLocal8Bit(argv[i]);
     } else {
@@ -102,12 +79,8 @@ int main(int argc, char** argv) {
   if (path.isEmpty()) return Usage();
   if (title.isEmpty()) title = QFileInfo(path).fileName();
 
-  const char* token_text = std::getenv("QUIRE_TOKEN");
-  if (token_text == nullptr || *token_text == '\0') {
-    std::fprintf(stderr, "upload_file: set QUIRE_TOKEN to a bearer token\n");
-    return 2;
-  }
-  const QString token = QString::fromUtf8(token_text);
+  const QString token = quire_examples::TokenFromEnvironment("upload_file");
+  if (token.isEmpty()) return 2;
   QFile file(path);
   if (!file.open(QIODevice::ReadOnly)) {
     std::fprintf(stderr, "upload_file: cannot read %s\n", qPrintable(path));
@@ -119,11 +92,7 @@ int main(int argc, char** argv) {
     return 2;
   }
   const QByteArray data = file.readAll();
-  if (!emulator.isEmpty() && !UseEmulator(emulator, ca_file)) {
-    std::fprintf(stderr, "upload_file: cannot use the emulator at %s (with CA file \"%s\")\n",
-                 qPrintable(emulator), qPrintable(ca_file));
-    return 2;
-  }
+  if (!emulator.Apply("upload_file")) return 2;
 
   // 1. Where do resumable creations start? The feed says, in its resumable-create-media link.
   DocsService docs;

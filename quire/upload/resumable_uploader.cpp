@@ -1,8 +1,6 @@
 #include "quire/upload/resumable_uploader.h"
 
-#include <QFile>
-#include <QFileInfo>
-#include <QIODevice>
+#include <QDateTime>
 #include <algorithm>
 #include <chrono>
 #include <cstdlib>
@@ -11,6 +9,7 @@
 
 #include "kestrel/net/network_status.h"
 #include "quire/connection/i_transfer_connection.h"
+#include "quire/upload/internal/upload_source.h"
 
 namespace kestrel {
 namespace quire {
@@ -18,8 +17,6 @@ namespace {
 
 // QByteArray holds at most about 2 GiB; chunks stay well below.
 constexpr std::uint32_t kMaxChunk = 1u << 30;
-// How long a sequential source may keep the uploader waiting for its next bytes.
-constexpr int kStreamWaitMilliseconds = 30000;
 
 double SteadySeconds() {
   return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
@@ -43,27 +40,6 @@ NetworkResponseInfo MadeUp(std::uint32_t request_id) {
   return NetworkResponseInfo{request_id, kStatusFailure, nullptr};
 }
 
-// Reads up to `length` bytes of `device` into `out` at `offset`; returns how many arrived. A
-// sequential device is waited for.
-std::int64_t ReadFully(QIODevice* device, char* out, std::int64_t length) {
-  std::int64_t done = 0;
-  while (done < length) {
-    const qint64 n = device->read(out + done, length - done);
-    if (n < 0) break;
-    if (n == 0) {
-      if (!device->isSequential() || device->atEnd()) {
-        // A sequential device at its end may still be waiting for a writer.
-        if (!device->isSequential() || !device->waitForReadyRead(kStreamWaitMilliseconds)) break;
-      } else if (!device->waitForReadyRead(kStreamWaitMilliseconds)) {
-        break;
-      }
-      continue;
-    }
-    done += n;
-  }
-  return done;
-}
-
 }  // namespace
 
 // Shared with the jobs and completions of the upload, so that they find out whether the uploader
@@ -78,6 +54,7 @@ ResumableUploader::ResumableUploader(IConnection* connection, std::uint32_t chun
       transfer_connection_(dynamic_cast<ITransferConnection*>(connection)),
       chunk_size_(std::min(chunk_size, kMaxChunk)),
       policy_(policy),
+      source_(new internal::UploadSource),
       token_(std::allocate_shared<Token>(MMAlloc<Token>())) {
   token_->owner = this;
 }
@@ -97,7 +74,8 @@ ResumableUploader::~ResumableUploader() {
 }
 
 bool ResumableUploader::Begin(const QString& url, const QString& metadata,
-                              const QString& content_type, ResponseCallback* callback) {
+                              const QString& content_type, bool arguments_valid,
+                              ResponseCallback* callback) {
   if (!*callback) std::abort();  // an empty callback is a programming error
   if (state_ != kIdle) {
     // The running upload is left alone; only the new caller hears of the refusal.
@@ -113,10 +91,9 @@ bool ResumableUploader::Begin(const QString& url, const QString& metadata,
   error_ = kNone;
   chunk_ = QByteArray();
   chunk_position_ = 0;
-  read_position_ = 0;
   failures_in_a_row_ = 0;
   gone_once_ = false;
-  if (connection_ == nullptr || chunk_size_ == 0) {
+  if (connection_ == nullptr || chunk_size_ == 0 || !arguments_valid) {
     FailLater(kInvalidArgument, std::move(*callback));
     return false;
   }
@@ -124,32 +101,21 @@ bool ResumableUploader::Begin(const QString& url, const QString& metadata,
 }
 
 bool ResumableUploader::OpenFile(const QString& file_path, ResponseCallback* callback) {
-  auto* file = new QFile(file_path);
-  const QFileInfo info(file_path);
-  if (file_path.isEmpty() || !info.isFile() || !file->open(QIODevice::ReadOnly)) {
-    delete file;
+  if (!source_->OpenFile(file_path)) {
     FailLater(kSourceUnreadable, std::move(*callback));
     return false;
   }
-  file_ = file;
-  device_ = file;
-  sequential_ = false;
-  base_ = 0;
-  file_size_ = info.size();
-  file_modified_ = info.lastModified();
-  progress_.total_bytes = file_size_;
+  progress_.total_bytes = source_->file_size();
   return true;
 }
 
 unsigned int ResumableUploader::Start(const QString& url, const QString& metadata,
                                       const QString& content_type, const QString& file_path,
                                       ResponseCallback callback) {
-  if (!Begin(url, metadata, content_type, &callback)) return 0;
-  if (url.isEmpty()) {
-    FailLater(kInvalidArgument, std::move(callback));
+  if (!Begin(url, metadata, content_type, !url.isEmpty(), &callback) ||
+      !OpenFile(file_path, &callback)) {
     return 0;
   }
-  if (!OpenFile(file_path, &callback)) return 0;
   callback_ = std::move(callback);
   return SendPost();
 }
@@ -157,35 +123,15 @@ unsigned int ResumableUploader::Start(const QString& url, const QString& metadat
 unsigned int ResumableUploader::Start(const QString& url, const QString& metadata,
                                       const QString& content_type, QIODevice* device,
                                       std::int64_t total_bytes, ResponseCallback callback) {
-  if (!Begin(url, metadata, content_type, &callback)) return 0;
-  if (url.isEmpty() || device == nullptr) {
-    FailLater(kInvalidArgument, std::move(callback));
+  if (!Begin(url, metadata, content_type, !url.isEmpty() && device != nullptr, &callback)) {
     return 0;
   }
-  if (!device->isOpen() || !device->isReadable()) {
-    FailLater(kSourceUnreadable, std::move(callback));
+  const Error opened = source_->OpenDevice(device, &total_bytes);
+  if (opened != kNone) {
+    FailLater(opened, std::move(callback));
     return 0;
-  }
-  device_ = device;
-  sequential_ = device->isSequential();
-  base_ = sequential_ ? 0 : device->pos();
-  if (total_bytes < 0) {
-    if (sequential_) {
-      device_ = nullptr;
-      FailLater(kInvalidArgument, std::move(callback));  // a stream's length must be given
-      return 0;
-    }
-    total_bytes = std::max<std::int64_t>(0, device->size() - base_);
   }
   progress_.total_bytes = total_bytes;
-  file_size_ = -1;
-  if (auto* file = qobject_cast<QFile*>(device)) {
-    const QFileInfo info(file->fileName());
-    if (!sequential_ && info.isFile()) {
-      file_size_ = info.size();
-      file_modified_ = info.lastModified();
-    }
-  }
   callback_ = std::move(callback);
   return SendPost();
 }
@@ -193,12 +139,10 @@ unsigned int ResumableUploader::Start(const QString& url, const QString& metadat
 unsigned int ResumableUploader::Resume(const QString& session_url, const QString& url,
                                        const QString& metadata, const QString& content_type,
                                        const QString& file_path, ResponseCallback callback) {
-  if (!Begin(url, metadata, content_type, &callback)) return 0;
-  if (session_url.isEmpty()) {
-    FailLater(kInvalidArgument, std::move(callback));
+  if (!Begin(url, metadata, content_type, !session_url.isEmpty(), &callback) ||
+      !OpenFile(file_path, &callback)) {
     return 0;
   }
-  if (!OpenFile(file_path, &callback)) return 0;
   callback_ = std::move(callback);
   session_url_ = session_url;
   return SendQuery();
@@ -250,16 +194,8 @@ void ResumableUploader::SendChunk() {
     return;
   }
   const std::int64_t length = std::min<std::int64_t>(chunk_size_, total - position);
-  if (!SourceUnchanged()) {
-    Fail(kSourceChanged, MadeUp(last_request_id_));
-    return;
-  }
   QByteArray next;
   if (!ReadChunk(position, length, &next)) return;  // failed already
-  if (!SourceUnchanged()) {
-    Fail(kSourceChanged, MadeUp(last_request_id_));
-    return;
-  }
   chunk_ = next;
   chunk_position_ = position;
   state_ = kSending;
@@ -443,7 +379,7 @@ void ResumableUploader::Recover(const NetworkResponseInfo& info, std::uint32_t /
   }
   ++progress_.retries;
   // A file is read again when needed; a stream's chunk is kept, it cannot be read twice.
-  if (!sequential_) chunk_ = QByteArray();
+  if (!source_->sequential()) chunk_ = QByteArray();
   progress_.bytes_sent = progress_.bytes_confirmed;
   state_ = kWaiting;
   const std::uint64_t generation = ++generation_;
@@ -461,64 +397,19 @@ void ResumableUploader::Recover(const NetworkResponseInfo& info, std::uint32_t /
   Report();
 }
 
-bool ResumableUploader::SourceUnchanged() const {
-  if (file_size_ >= 0) {
-    const QString path =
-        file_ != nullptr ? file_->fileName() : qobject_cast<QFile*>(device_)->fileName();
-    const QFileInfo info(path);
-    return info.exists() && info.size() == file_size_ && info.lastModified() == file_modified_;
-  }
-  if (!sequential_) return device_->size() >= base_ + progress_.total_bytes;
-  return true;
-}
-
 bool ResumableUploader::ReadChunk(std::int64_t position, std::int64_t length, QByteArray* out) {
-  if (!sequential_) {
-    out->resize(static_cast<qsizetype>(length));
-    if (!device_->seek(base_ + position)) {
-      Fail(kSourceChanged, MadeUp(last_request_id_));
-      return false;
-    }
-    if (ReadFully(device_, out->data(), length) != length) {
-      Fail(kSourceChanged, MadeUp(last_request_id_));
-      return false;
-    }
-    return true;
-  }
-  // A stream is read once: what the server wants again must still be in the kept chunk.
-  const std::int64_t kept_from = chunk_position_;
-  const std::int64_t kept_to = chunk_position_ + chunk_.size();
-  if (position < read_position_ && (position < kept_from || position > kept_to)) {
-    Fail(kSourceUnreadable, MadeUp(last_request_id_));
-    return false;
-  }
-  out->resize(static_cast<qsizetype>(length));
-  std::int64_t filled = 0;
-  if (position < read_position_) {
-    const std::int64_t reuse = std::min<std::int64_t>(length, read_position_ - position);
-    std::copy(chunk_.constData() + (position - kept_from),
-              chunk_.constData() + (position - kept_from) + reuse, out->data());
-    filled = reuse;
+  // The source is checked before the chunk is read and again after, so that a change while it is
+  // read is caught before any of its bytes leave.
+  Error error = kNone;
+  if (!source_->Unchanged(progress_.total_bytes)) {
+    error = kSourceChanged;
   } else {
-    // Bytes the server already holds (a resumed stream): read past them.
-    std::vector<char> skip(64 * 1024);
-    while (read_position_ < position) {
-      const std::int64_t n =
-          std::min<std::int64_t>(static_cast<std::int64_t>(skip.size()), position - read_position_);
-      if (ReadFully(device_, skip.data(), n) != n) {
-        Fail(kSourceChanged, MadeUp(last_request_id_));
-        return false;
-      }
-      read_position_ += n;
-    }
+    error = source_->Read(position, length, chunk_, chunk_position_, out);
+    if (error == kNone && !source_->Unchanged(progress_.total_bytes)) error = kSourceChanged;
   }
-  const std::int64_t wanted = length - filled;
-  if (wanted > 0) {
-    if (ReadFully(device_, out->data() + filled, wanted) != wanted) {
-      Fail(kSourceChanged, MadeUp(last_request_id_));
-      return false;
-    }
-    read_position_ += wanted;
+  if (error != kNone) {
+    Fail(error, MadeUp(last_request_id_));
+    return false;
   }
   return true;
 }
@@ -559,9 +450,7 @@ void ResumableUploader::Reset() {
   timer_ = 0;
   state_ = kIdle;
   callback_ = ResponseCallback();
-  delete file_;
-  file_ = nullptr;
-  device_ = nullptr;
+  source_->Close();
   chunk_ = QByteArray();
 }
 

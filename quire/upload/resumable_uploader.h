@@ -3,7 +3,6 @@
 #pragma once
 
 #include <QByteArray>
-#include <QDateTime>
 #include <QString>
 #include <cstdint>
 #include <functional>
@@ -16,13 +15,15 @@
 #include "quire/connection/retry_policy.h"
 #include "quire/quire_export.h"
 
-class QFile;
 class QIODevice;
 
 namespace kestrel {
 namespace quire {
 
 class ITransferConnection;
+namespace internal {
+class UploadSource;
+}
 
 /// A resumable upload of a file or a stream of any size that recovers from failures by itself.
 ///
@@ -177,8 +178,10 @@ class QUIRE_EXPORT ResumableUploader {
   enum State { kIdle, kOpening, kSending, kQuerying, kWaiting };
   struct Token;
 
+  // Prepares a new upload; false when it cannot start (another one runs, or the arguments are not
+  // valid: `arguments_valid` false is an invalid argument too), the callback then told later.
   bool Begin(const QString& url, const QString& metadata, const QString& content_type,
-             ResponseCallback* callback);
+             bool arguments_valid, ResponseCallback* callback);
   bool OpenFile(const QString& file_path, ResponseCallback* callback);
   unsigned int SendPost();
   unsigned int SendQuery();
@@ -190,7 +193,6 @@ class QUIRE_EXPORT ResumableUploader {
   void OnSessionAnswer(const NetworkResponseInfo& info, const QByteArray& body, std::uint32_t code);
   bool ReadRange(const NetworkResponseInfo& info, std::int64_t* held) const;
   void Recover(const NetworkResponseInfo& info, std::uint32_t code, State next);
-  bool SourceUnchanged() const;
   bool ReadChunk(std::int64_t position, std::int64_t length, QByteArray* out);
   void Confirmed(std::int64_t held);
   // Tells the progress callback; false when the upload is over for this object afterwards (the
@@ -216,19 +218,12 @@ class QUIRE_EXPORT ResumableUploader {
   QString metadata_;
   QString content_type_;
   QString session_url_;
-  QFile* file_ = nullptr;        // owned, when the source is a file
-  QIODevice* device_ = nullptr;  // the source: file_ or the host's device
-  bool sequential_ = false;
-  std::int64_t base_ = 0;  // the device's position of the upload's first byte
-  std::int64_t file_size_ = -1;
-  QDateTime file_modified_;
+  std::unique_ptr<internal::UploadSource> source_;
   Progress progress_;
   Error error_ = kNone;
   // The chunk in flight (or kept for a sequential device) and where it starts.
   QByteArray chunk_;
   std::int64_t chunk_position_ = 0;
-  // A sequential device: how far it has been read.
-  std::int64_t read_position_ = 0;
   std::uint32_t last_request_id_ = 0;
   std::uint64_t generation_ = 0;  // tells the answer of the current request from stale ones
   int failures_in_a_row_ = 0;

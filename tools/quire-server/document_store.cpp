@@ -149,25 +149,11 @@ DocumentRecord DocumentStore::Create(const ContentSource& source, const std::str
     record.id = RandomId::Hex(12);
     record.title = title;
     record.content_type = content_type;
-    record.size = source.size;
-    record.blob = blob;
-    record.etag = NewEtag();
-    record.updated_ms = Timestamp::NowMillis();
-    SqliteStatement insert(
-        db_,
+    CommitContent(
+        &tx,
         "INSERT INTO documents(id, seq, title, content_type, size, blob, etag, updated_ms) "
-        "VALUES (?1, (SELECT COALESCE(MAX(seq), 0) + 1 FROM documents), ?2, ?3, ?4, ?5, ?6, ?7)");
-    insert.Bind(1, record.id)
-        .Bind(2, record.title)
-        .Bind(3, record.content_type)
-        .Bind(4, static_cast<std::int64_t>(record.size))
-        .Bind(5, record.blob)
-        .Bind(6, record.etag)
-        .Bind(7, record.updated_ms)
-        .Run();
-    BumpFeed(record.updated_ms);
-    if (also) also();
-    tx.Commit();
+        "VALUES (?1, (SELECT COALESCE(MAX(seq), 0) + 1 FROM documents), ?2, ?3, ?4, ?5, ?6, ?7)",
+        source, blob, also, &record);
     return record;
   } catch (...) {
     RemoveBlob(blob);
@@ -198,24 +184,10 @@ DocumentStore::Outcome DocumentStore::Replace(const std::string& id, const Conte
     DocumentRecord updated = *found;
     if (!content_type.empty()) updated.content_type = content_type;
     if (title) updated.title = *title;
-    updated.size = source.size;
-    updated.blob = blob;
-    updated.etag = NewEtag();
-    updated.updated_ms = Timestamp::NowMillis();
-    SqliteStatement update(db_,
-                           "UPDATE documents SET title = ?2, content_type = ?3, size = ?4, "
-                           "blob = ?5, etag = ?6, updated_ms = ?7 WHERE id = ?1");
-    update.Bind(1, id)
-        .Bind(2, updated.title)
-        .Bind(3, updated.content_type)
-        .Bind(4, static_cast<std::int64_t>(updated.size))
-        .Bind(5, updated.blob)
-        .Bind(6, updated.etag)
-        .Bind(7, updated.updated_ms)
-        .Run();
-    BumpFeed(updated.updated_ms);
-    if (also) also();
-    tx.Commit();
+    CommitContent(&tx,
+                  "UPDATE documents SET title = ?2, content_type = ?3, size = ?4, blob = ?5, "
+                  "etag = ?6, updated_ms = ?7 WHERE id = ?1",
+                  source, blob, also, &updated);
     *record = updated;
   } catch (...) {
     RemoveBlob(blob);
@@ -224,6 +196,27 @@ DocumentStore::Outcome DocumentStore::Replace(const std::string& id, const Conte
   // Readers open files under the database lock, so nobody can still be about to open this one.
   RemoveBlob(old_blob);
   return Outcome::kOk;
+}
+
+void DocumentStore::CommitContent(DbTransaction* tx, const char* sql, const ContentSource& source,
+                                  const std::string& blob, const InTransaction& also,
+                                  DocumentRecord* record) {
+  record->size = source.size;
+  record->blob = blob;
+  record->etag = NewEtag();
+  record->updated_ms = Timestamp::NowMillis();
+  SqliteStatement statement(db_, sql);
+  statement.Bind(1, record->id)
+      .Bind(2, record->title)
+      .Bind(3, record->content_type)
+      .Bind(4, static_cast<std::int64_t>(record->size))
+      .Bind(5, record->blob)
+      .Bind(6, record->etag)
+      .Bind(7, record->updated_ms)
+      .Run();
+  BumpFeed(record->updated_ms);
+  if (also) also();
+  tx->Commit();
 }
 
 DocumentStore::Outcome DocumentStore::Delete(const std::string& id,

@@ -19,6 +19,7 @@ namespace quire_server {
 
 class Database;
 class DataFolder;
+class DbTransaction;
 
 class DocumentStore {
  public:
@@ -80,6 +81,11 @@ class DocumentStore {
   std::string Publish(const ContentSource& source);
   void RemoveBlob(const std::string& blob);
   void BumpFeed(std::int64_t now_ms);
+  // Gives `record` the content of `source` (published as `blob`), a new entity tag and the time,
+  // writes it with `sql` (whose parameters ?1 to ?7 are the id, title, media type, size, blob,
+  // entity tag and time), moves the feed on, runs `also` and commits `tx`.
+  void CommitContent(DbTransaction* tx, const char* sql, const ContentSource& source,
+                     const std::string& blob, const InTransaction& also, DocumentRecord* record);
   static std::string NewEtag();
 
   Database& db_;

@@ -36,32 +36,18 @@ class LimitedStream {
 
   template <class MutableBufferSequence, class ReadHandler>
   void async_read_some(const MutableBufferSequence& buffers, ReadHandler&& handler) {
-    using Handler = std::decay_t<ReadHandler>;
-    if (read_left_ == 0) {
-      Fail(Handler(std::forward<ReadHandler>(handler)));
-      return;
-    }
-    next_.async_read_some(Prefix(Allowance(read_left_), buffers),
-                          [this, h = Handler(std::forward<ReadHandler>(handler))](
-                              boost::beast::error_code ec, std::size_t n) mutable {
-                            if (read_left_ != kUnlimited) read_left_ -= n;
-                            h(ec, n);
-                          });
+    Counted(&read_left_, buffers, std::forward<ReadHandler>(handler),
+            [this](const auto& prefix, auto&& done) {
+              next_.async_read_some(prefix, std::forward<decltype(done)>(done));
+            });
   }
 
   template <class ConstBufferSequence, class WriteHandler>
   void async_write_some(const ConstBufferSequence& buffers, WriteHandler&& handler) {
-    using Handler = std::decay_t<WriteHandler>;
-    if (write_left_ == 0) {
-      Fail(Handler(std::forward<WriteHandler>(handler)));
-      return;
-    }
-    next_.async_write_some(Prefix(Allowance(write_left_), buffers),
-                           [this, h = Handler(std::forward<WriteHandler>(handler))](
-                               boost::beast::error_code ec, std::size_t n) mutable {
-                             if (write_left_ != kUnlimited) write_left_ -= n;
-                             h(ec, n);
-                           });
+    Counted(&write_left_, buffers, std::forward<WriteHandler>(handler),
+            [this](const auto& prefix, auto&& done) {
+              next_.async_write_some(prefix, std::forward<decltype(done)>(done));
+            });
   }
 
  private:
@@ -77,6 +63,24 @@ class LimitedStream {
     } else {
       return boost::beast::buffers_prefix(size, buffers);
     }
+  }
+
+  // Starts `operation` (a read or a write of the next layer) on at most `*left` bytes of
+  // `buffers` and takes the bytes it moved off `*left`; fails at once when nothing is left.
+  template <class Buffers, class Handler, class Operation>
+  void Counted(std::uint64_t* left, const Buffers& buffers, Handler&& handler,
+               Operation operation) {
+    using Decayed = std::decay_t<Handler>;
+    if (*left == 0) {
+      Fail(Decayed(std::forward<Handler>(handler)));
+      return;
+    }
+    operation(Prefix(Allowance(*left), buffers),
+              [left, h = Decayed(std::forward<Handler>(handler))](boost::beast::error_code ec,
+                                                                  std::size_t n) mutable {
+                if (*left != kUnlimited) *left -= n;
+                h(ec, n);
+              });
   }
 
   static std::size_t Allowance(std::uint64_t left) {

@@ -232,49 +232,38 @@ int main(int argc, char** argv) {
       ->capture_default_str();
   app.add_option("--threads", options.threads, "I/O threads")->capture_default_str();
   app.add_flag("--verbose", options.verbose, "Log one line per request on standard error");
-  auto* faults = "Fault injection (off by default)";
+  // Every option from here on is in the group of the faults.
+  app.option_defaults()->group("Fault injection (off by default)");
   app.add_option("--fault-close-request-after", options.faults.close_request_after,
-                 "Close the connection once a request has sent N bytes (header included)")
-      ->group(faults);
+                 "Close the connection once a request has sent N bytes (header included)");
   app.add_option("--fault-close-response-after", options.faults.close_response_after,
-                 "Close the connection once N bytes of an answer went out (header included)")
-      ->group(faults);
+                 "Close the connection once N bytes of an answer went out (header included)");
   app.add_option("--fault-fail-every", options.faults.fail_every,
-                 "Answer 503 to every K-th request")
-      ->group(faults);
+                 "Answer 503 to every K-th request");
   app.add_option("--fault-fail-percent", fail_percent,
                  "Answer 503 to this share (0-100, fractions allowed) of requests, chosen at "
                  "random from --fault-seed")
-      ->check(CLI::Range(0.0, 100.0))
-      ->group(faults);
+      ->check(CLI::Range(0.0, 100.0));
   app.add_option("--fault-cut-percent", cut_percent,
                  "Cut the connection of this share (0-100) of requests, chosen at random, part-way "
                  "through the request's body (or the answer's when the request has none)")
-      ->check(CLI::Range(0.0, 100.0))
-      ->group(faults);
+      ->check(CLI::Range(0.0, 100.0));
   app.add_option("--fault-seed", options.faults.seed,
                  "Seed of the random faults: the same seed and requests give the same faults")
-      ->capture_default_str()
-      ->group(faults);
+      ->capture_default_str();
   app.add_option("--fault-retry-after", options.faults.retry_after_s,
                  "Retry-After value (seconds) of every injected 503")
-      ->capture_default_str()
-      ->group(faults);
+      ->capture_default_str();
   app.add_flag("--fault-308-without-range", options.faults.omit_range,
-               "Answer 308 without a Range field")
-      ->group(faults);
+               "Answer 308 without a Range field");
   app.add_option("--fault-range-beyond", options.faults.range_beyond,
-                 "Report N bytes more in the Range of a 308 than were received")
-      ->group(faults);
-  app.add_option("--fault-delay-ms", options.faults.delay_ms, "Delay every answer by N ms")
-      ->group(faults);
+                 "Report N bytes more in the Range of a 308 than were received");
+  app.add_option("--fault-delay-ms", options.faults.delay_ms, "Delay every answer by N ms");
   app.add_option("--fault-idle-close-ms", options.faults.idle_close_ms,
-                 "Close keep-alive connections idle for N ms between requests")
-      ->group(faults);
+                 "Close keep-alive connections idle for N ms between requests");
   app.add_option("--fault-body", options.faults.body_file,
                  "Every 2xx answer carries the bytes of FILE as its body instead of its own")
-      ->check(CLI::ExistingFile)
-      ->group(faults);
+      ->check(CLI::ExistingFile);
   CLI11_PARSE(app, argc, argv);
   options.faults.fail_share = fail_percent / 100.0;
   options.faults.cut_share = cut_percent / 100.0;

@@ -282,30 +282,14 @@ Decision ServiceHandler::Create(const RequestHead& head) {
       return Answer(HttpResponse::Error(400, "badSlug", "Slug is not a valid title"));
     }
   }
-  std::string type = kOctetStream;
-  if (const std::string* value = head.Find("Content-Type")) {
-    type = Trim(*value);
-    if (!ValidMediaType(type)) {
-      return Answer(HttpResponse::Error(400, "badContentType", "Content-Type is malformed"));
-    }
-  }
-  FileSink sink = documents_.NewContentFile();
-  if (!sink.ok()) {
-    return Answer(HttpResponse::Error(500, "storageError", "cannot create a content file"));
-  }
-  return Take(std::make_unique<FileBodyExchange>(
-      std::move(sink), options_.max_upload_bytes, [this, title, type](FileSink& content) {
-        try {
-          DocumentRecord record =
-              documents_.Create({content.path(), content.written(), false}, title, type);
-          content.Keep();
-          HttpResponse response = EntryAnswer(201, record);
-          response.Set("Location", urls_.Edit(record.id));
-          return response;
-        } catch (const std::exception& error) {
-          return InternalError(error);
-        }
-      }));
+  return TakeContent(head, kOctetStream, [this, title](FileSink& content, const std::string& type) {
+    DocumentRecord record =
+        documents_.Create({content.path(), content.written(), false}, title, type);
+    content.Keep();
+    HttpResponse response = EntryAnswer(201, record);
+    response.Set("Location", urls_.Edit(record.id));
+    return response;
+  });
 }
 
 HttpResponse ServiceHandler::GetEntry(const std::string& id) {
@@ -365,7 +349,25 @@ Decision ServiceHandler::Replace(const std::string& id, const RequestHead& head)
     return Answer(HttpResponse::Error(413, "contentTooLarge",
                                       "the content is larger than the server accepts"));
   }
-  std::string type;
+  return TakeContent(
+      head, std::string(), [this, id, if_match](FileSink& content, const std::string& type) {
+        DocumentRecord record;
+        DocumentStore::Outcome outcome = documents_.Replace(
+            id, {content.path(), content.written(), false}, type, std::nullopt, if_match, &record);
+        if (outcome == DocumentStore::Outcome::kNotFound) {
+          return HttpResponse::Error(404, "documentNotFound", "no such document");
+        }
+        if (outcome == DocumentStore::Outcome::kPreconditionFailed) {
+          return HttpResponse::Error(412, "preconditionFailed",
+                                     "the entity tag does not match the document's");
+        }
+        content.Keep();
+        return EntryAnswer(200, record);
+      });
+}
+
+Decision ServiceHandler::TakeContent(const RequestHead& head, std::string type,
+                                     ContentCommit commit) {
   if (const std::string* value = head.Find("Content-Type")) {
     type = Trim(*value);
     if (!ValidMediaType(type)) {
@@ -376,26 +378,15 @@ Decision ServiceHandler::Replace(const std::string& id, const RequestHead& head)
   if (!sink.ok()) {
     return Answer(HttpResponse::Error(500, "storageError", "cannot create a content file"));
   }
-  return Take(std::make_unique<FileBodyExchange>(
-      std::move(sink), options_.max_upload_bytes, [this, id, type, if_match](FileSink& content) {
-        try {
-          DocumentRecord record;
-          DocumentStore::Outcome outcome =
-              documents_.Replace(id, {content.path(), content.written(), false}, type, std::nullopt,
-                                 if_match, &record);
-          if (outcome == DocumentStore::Outcome::kNotFound) {
-            return HttpResponse::Error(404, "documentNotFound", "no such document");
-          }
-          if (outcome == DocumentStore::Outcome::kPreconditionFailed) {
-            return HttpResponse::Error(412, "preconditionFailed",
-                                       "the entity tag does not match the document's");
-          }
-          content.Keep();
-          return EntryAnswer(200, record);
-        } catch (const std::exception& error) {
-          return InternalError(error);
-        }
-      }));
+  return Take(
+      std::make_unique<FileBodyExchange>(std::move(sink), options_.max_upload_bytes,
+                                         [commit = std::move(commit), type](FileSink& content) {
+                                           try {
+                                             return commit(content, type);
+                                           } catch (const std::exception& error) {
+                                             return InternalError(error);
+                                           }
+                                         }));
 }
 
 HttpResponse ServiceHandler::Delete(const std::string& id, const RequestHead& head) {

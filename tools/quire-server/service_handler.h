@@ -5,12 +5,14 @@
 // changed. Thread-safe.
 #pragma once
 
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
 
 #include "tools/quire-server/document_store.h"
 #include "tools/quire-server/feed_writer.h"
+#include "tools/quire-server/file_sink.h"
 #include "tools/quire-server/http_response.h"
 #include "tools/quire-server/i_exchange.h"
 #include "tools/quire-server/request_head.h"
@@ -47,6 +49,13 @@ class ServiceHandler {
   // The content, whole or the one range asked for (Range, guarded by If-Range).
   HttpResponse GetContent(const std::string& id, const RequestHead& head);
   Decision Replace(const std::string& id, const RequestHead& head);
+  // Stores a document's content: gets the content in a new content file and the media type (from
+  // Content-Type when given, else `type`); its answer is the request's.
+  using ContentCommit = std::function<HttpResponse(FileSink& content, const std::string& type)>;
+  // Takes the body of a request that sends a document's content into a new content file for
+  // `commit` (an exception it throws is a 500). Refuses a malformed Content-Type (400) and a
+  // content file that cannot be made (500) before the body is read.
+  Decision TakeContent(const RequestHead& head, std::string type, ContentCommit commit);
   HttpResponse Delete(const std::string& id, const RequestHead& head);
   Decision OpenSession(const RequestHead& head, const std::string& document_id);
   HttpResponse StartSession(const std::string& document_id, const std::string& metadata,

@@ -357,21 +357,23 @@ QString CommandLine::Token() {
   return TokenSource::Read(options_.token_file, settings_.token_value());
 }
 
+Client CommandLine::Connect(const QString& token) {
+  InstallTransport();
+  return Client(token, transport_->classifier(), retries_.get());
+}
+
 QString CommandLine::StatePath() const {
   return state_file_.empty() ? UploadState::DefaultPath() : Q(state_file_);
 }
 
 void CommandLine::Whoami() {
-  InstallTransport();
   // The user-information request carries no token; none is needed.
-  Client client(QString(), transport_->classifier(), retries_.get());
+  Client client = Connect(QString());
   out() << client.UserEmail().toStdString() << '\n';
 }
 
 void CommandLine::List() {
-  const QString token = Token();
-  InstallTransport();
-  Client client(token, transport_->classifier(), retries_.get());
+  Client client = Connect(Token());
   const FeedSnapshot snapshot = client.List();
   if (titles_) {
     for (const DocRecord& doc : snapshot.documents) {
@@ -397,8 +399,7 @@ void CommandLine::Get() {
   }
   // The destination is checked before anything is sent.
   if (!output_.empty()) Downloader::CheckOutputPath(Q(output_));
-  InstallTransport();
-  Client client(token, transport_->classifier(), retries_.get());
+  Client client = Connect(token);
   const FeedSnapshot snapshot = client.List();
   const DocRecord doc = DocResolver(snapshot.documents).Resolve(Q(doc_));
   std::ostream* progress = host_->err_is_terminal ? host_->err : nullptr;
@@ -436,9 +437,7 @@ void CommandLine::Get() {
 void CommandLine::Put() {
   // The file is opened (and its size checked) before anything is sent.
   MappedFile file(Q(file_));
-  const QString token = Token();
-  InstallTransport();
-  Client client(token, transport_->classifier(), retries_.get());
+  Client client = Connect(Token());
   const FeedSnapshot snapshot = client.List();
   const DocRecord created = client.Create(snapshot.post_link, file.data());
   out() << "created " << Describe(created) << ", " << file.size() << " bytes\n";
@@ -446,9 +445,7 @@ void CommandLine::Put() {
 
 void CommandLine::Replace() {
   MappedFile file(Q(file_));
-  const QString token = Token();
-  InstallTransport();
-  Client client(token, transport_->classifier(), retries_.get());
+  Client client = Connect(Token());
   const FeedSnapshot snapshot = client.List();
   const DocRecord doc = DocResolver(snapshot.documents).Resolve(Q(doc_));
   const DocRecord replaced = client.Replace(doc, file.data());
@@ -456,9 +453,7 @@ void CommandLine::Replace() {
 }
 
 void CommandLine::Remove() {
-  const QString token = Token();
-  InstallTransport();
-  Client client(token, transport_->classifier(), retries_.get());
+  Client client = Connect(Token());
   const FeedSnapshot snapshot = client.List();
   const DocRecord doc = DocResolver(snapshot.documents).Resolve(Q(doc_));
   QString etag = doc.etag;
@@ -497,8 +492,7 @@ void CommandLine::Upload() {
           ? QMimeDatabase().mimeTypeForFile(file.file_path, QMimeDatabase::MatchExtension).name()
           : Q(type_);
   const QString token = Token();
-  InstallTransport();
-  Client client(token, transport_->classifier(), retries_.get());
+  Client client = Connect(token);
   const FeedSnapshot snapshot = client.List();
   QUrl start = snapshot.resumable_create_media_link;
   if (!to_.empty())

@@ -18,6 +18,7 @@ class App;
 
 namespace quire_cli {
 
+class Client;
 class RetryTally;
 class TransportInstallation;
 
@@ -61,6 +62,8 @@ class CommandLine {
 
   // Puts the transport for the global options in place (until this object goes).
   void InstallTransport();
+  // Puts the transport in place and returns a client of the service that sends `token`.
+  Client Connect(const QString& token);
   QString Token();
   QString StatePath() const;
   std::ostream& out() { return *host_->out; }
@@ -69,28 +72,34 @@ class CommandLine {
   HostEnvironment* host_;
   ClientOptions options_;
 
-  // Parsed arguments.
+  // Parsed arguments. The options every command takes:
   std::string token_on_command_line_;
   std::string server_;
   std::string cacert_;
   std::string token_file_;
   std::string proxy_;
-  bool json_ = false;
+  std::string profile_;
+  // The document and the file that get, put, replace, rm and upload name:
   std::string doc_;
   std::string file_;
+  // ls:
+  bool json_ = false;
+  bool titles_ = false;
+  // get:
   std::string output_;
-  bool force_ = false;
   bool continue_ = false;
+  // rm:
+  bool force_ = false;
   std::string if_match_;
+  // upload:
   std::string title_;
   std::string type_;
   std::string chunk_size_;
   std::string to_;
   bool resume_ = false;
   std::string state_file_;
+  // demo:
   std::string server_binary_;
-  std::string profile_;
-  bool titles_ = false;
   EffectiveSettings settings_;
 
   std::unique_ptr<TransportInstallation> transport_;

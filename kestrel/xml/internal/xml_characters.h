@@ -34,6 +34,17 @@ long long CopyCheckedUtf8(const char* source, std::size_t size, char* target, bo
 long long Utf16ToUtf8(const unsigned char* source, std::size_t size, bool big_endian, char* target,
                       long long* bad_offset);
 
+// True when the zero-terminated `text` equals `lower` (lower-case ASCII) but for the case of its
+// ASCII letters.
+inline bool EqualsIgnoringCase(const char* text, const char* lower) {
+  for (; *lower != '\0'; ++text, ++lower) {
+    char c = *text;
+    if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
+    if (c != *lower) return false;
+  }
+  return *text == '\0';
+}
+
 // Appends the UTF-8 form of `code` (a valid code point) at `target`; returns the bytes written.
 inline int AppendUtf8(std::uint32_t code, char* target) {
   if (code < 0x80) {

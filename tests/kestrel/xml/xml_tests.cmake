@@ -26,7 +26,10 @@ function(kestrel_xml_source_test name prefix)
     xml/xml_string_cache_test.cpp
     ${PROJECT_SOURCE_DIR}/kestrel/xml/xml_reader.cpp
     ${PROJECT_SOURCE_DIR}/kestrel/xml/internal/xml_characters.cpp
+    ${PROJECT_SOURCE_DIR}/kestrel/xml/internal/xml_parse_buffer.cpp
+    ${PROJECT_SOURCE_DIR}/kestrel/xml/internal/xml_scratch.cpp
     ${PROJECT_SOURCE_DIR}/kestrel/xml/internal/xml_string_cache.cpp
+    ${PROJECT_SOURCE_DIR}/kestrel/xml/internal/xml_tree_builder.cpp
     ${PROJECT_SOURCE_DIR}/kestrel/base/memory_manager.cpp)
   quire_warnings(${name})
   target_include_directories(${name} PRIVATE ${PROJECT_SOURCE_DIR})
