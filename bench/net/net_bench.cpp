@@ -8,7 +8,7 @@
 //   4. the cost of the transport's thread hand-off: I/O thread to main loop and back.
 // Figures are medians over the rounds; a ratio above 1 means the transport is faster.
 //
-// Usage: net_bench [--rounds N] [--mib N] [--small N] [--https] [--only
+// Usage: quire_bench::net [--rounds N] [--mib N] [--small N] [--https] [--only
 // download|upload|small|handoff]
 #include <curl/curl.h>
 #include <openssl/ssl.h>
@@ -35,7 +35,7 @@
 #include "kestrel/net/curl_transport.h"
 #include "kestrel/net/transport_registry.h"
 #include "quire/connection/connection.h"
-#include "tests/kestrel/net/curl_test_certificates.h"
+#include "tests/support/test_certificates.h"
 
 extern char** environ;
 
@@ -415,30 +415,32 @@ int main(int argc, char** argv) {
   }
   auto wanted = [&](const char* what) { return options.only.empty() || options.only == what; };
 
-  curl_test::CurlTestCertificates certificates;
+  quire_test::TestCertificates certificates;
+  const quire_test::TestCertificates::Server server = certificates.MakeLocal();
   std::unique_ptr<SSL_CTX, decltype(&SSL_CTX_free)> tls(SSL_CTX_new(TLS_server_method()),
                                                         &SSL_CTX_free);
-  if (!certificates.ok() ||
-      SSL_CTX_use_certificate_file(tls.get(), certificates.certificate_file().c_str(),
-                                   SSL_FILETYPE_PEM) != 1 ||
-      SSL_CTX_use_PrivateKey_file(tls.get(), certificates.key_file().c_str(), SSL_FILETYPE_PEM) !=
-          1) {
+  if (!certificates.ok() || server.certificate_file.empty() ||
+      SSL_CTX_use_certificate_file(tls.get(), server.certificate_file.c_str(), SSL_FILETYPE_PEM) !=
+          1 ||
+      SSL_CTX_use_PrivateKey_file(tls.get(), server.key_file.c_str(), SSL_FILETYPE_PEM) != 1) {
     std::fprintf(stderr, "could not set up TLS for the server\n");
     return 1;
   }
-  net_bench::BenchHttpServer plain_server(nullptr);
-  net_bench::BenchHttpServer tls_server(tls.get());
+  quire_bench::net::BenchHttpServer plain_server(nullptr);
+  quire_bench::net::BenchHttpServer tls_server(tls.get());
 
   kestrel::net::CurlTransport transport;
   kestrel::net::CurlTransportConfig config;
-  config.extra_ca_certificate_files.push_back(QString::fromStdString(certificates.ca_file()));
+  config.extra_ca_certificate_files.push_back(
+      QString::fromStdString(certificates.authority_file()));
   if (!transport.Configure(config)) return 1;
   kestrel::net::TransportRegistry::SetDefault(&transport);
 
   std::vector<Target> targets = {{"http", plain_server.port(), ""}};
-  if (options.https) targets.push_back({"https", tls_server.port(), certificates.ca_file()});
+  if (options.https) targets.push_back({"https", tls_server.port(), certificates.authority_file()});
 
-  std::printf("net_bench: loopback, %d rounds, alternating, %s\n", options.rounds, curl_version());
+  std::printf("quire_bench::net: loopback, %d rounds, alternating, %s\n", options.rounds,
+              curl_version());
   bool ok = true;
   {
     kestrel::quire::Connection connection;

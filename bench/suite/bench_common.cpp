@@ -13,6 +13,8 @@
 #include <fstream>
 #include <sstream>
 
+#include "tests/support/data_pattern.h"
+
 extern char** environ;
 
 namespace quire_bench {
@@ -120,15 +122,7 @@ bool ResetPeakRss() {
 }
 
 void FillPseudoRandom(char* out, long long size, unsigned long long seed) {
-  unsigned long long state = seed * 0x9E3779B97F4A7C15ull + 1;
-  long long i = 0;
-  for (; i + 8 <= size; i += 8) {
-    state ^= state << 13;
-    state ^= state >> 7;
-    state ^= state << 17;
-    std::memcpy(out + i, &state, 8);
-  }
-  for (; i < size; ++i) out[i] = static_cast<char>(i);
+  quire_test::FillPattern(out, quire_test::PatternStream(seed), static_cast<std::size_t>(size));
 }
 
 bool WriteFile(const std::string& path, const char* data, long long size) {

@@ -40,8 +40,8 @@ long long StatusKiB(const char* field);
 // allow it.
 bool ResetPeakRss();
 
-// Fills `size` bytes at `out` with a fast pseudo-random sequence (incompressible, and touching
-// every page).
+// Fills `size` bytes at `out` with the tests' data pattern (incompressible, touching every page),
+// the stream numbered `seed`.
 void FillPseudoRandom(char* out, long long size, unsigned long long seed);
 // Writes `size` bytes to `path`; false on failure.
 bool WriteFile(const std::string& path, const char* data, long long size);

@@ -8,7 +8,7 @@
 #include "quire/model/link_relations.h"
 #include "quire/services/endpoints.h"
 
-namespace quire_hardening {
+namespace quire_test::hardening {
 namespace {
 
 using kestrel::MainLoop;
@@ -529,4 +529,4 @@ void FaultMatrixTest::CheckCell(Fault fault, Operation operation, const Outcome&
   }
 }
 
-}  // namespace quire_hardening
+}  // namespace quire_test::hardening

@@ -11,7 +11,7 @@
 #include "quire/upload/resumable_uploader.h"
 #include "tests/hardening/fault_matrix_test.h"
 
-namespace quire_hardening {
+namespace quire_test::hardening {
 namespace {
 
 using kestrel::quire::kStatusCancelled;
@@ -252,4 +252,4 @@ TEST_F(FaultMatrixTest, UploaderColumn) {
 }
 
 }  // namespace
-}  // namespace quire_hardening
+}  // namespace quire_test::hardening

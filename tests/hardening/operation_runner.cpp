@@ -2,7 +2,7 @@
 
 #include "quire/services/endpoints.h"
 
-namespace quire_hardening {
+namespace quire_test::hardening {
 namespace {
 
 using kestrel::quire::DocsEntry;
@@ -140,4 +140,4 @@ void OperationRunner::Start(Operation operation, LibraryClient* client, const Ta
   outcome->issuing = false;
 }
 
-}  // namespace quire_hardening
+}  // namespace quire_test::hardening

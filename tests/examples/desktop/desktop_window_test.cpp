@@ -31,7 +31,7 @@
 namespace {
 
 using desktop_example::MainWindow;
-using quire_qt_test::RunQtLoop;
+using quire_test::qt::RunQtLoop;
 
 QByteArray Pattern(int size, int seed) {
   QByteArray bytes(size, '\0');
@@ -104,7 +104,7 @@ class DesktopWindowTest : public ::testing::Test {
   }
 
   QTemporaryDir dir_;
-  quire_hardening::FaultEmulator emulator_;
+  quire_test::hardening::FaultEmulator emulator_;
   std::unique_ptr<kestrel::quire::QtEventLoopDriver> driver_;
 };
 

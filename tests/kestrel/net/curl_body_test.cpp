@@ -6,10 +6,10 @@
 #include "kestrel/net/connection_manager.h"
 #include "kestrel/net/network_status.h"
 #include "kestrel/net/server_info.h"
-#include "tests/kestrel/net/curl_test_pattern.h"
 #include "tests/kestrel/net/curl_test_support.h"
+#include "tests/support/data_pattern.h"
 
-namespace curl_test {
+namespace quire_test::curl {
 namespace {
 
 using kestrel::net::ConnectionManager;
@@ -106,4 +106,4 @@ TEST_F(CurlBodyTest, ResponseWithoutBodyHasNoBuffer) {
 }
 
 }  // namespace
-}  // namespace curl_test
+}  // namespace quire_test::curl

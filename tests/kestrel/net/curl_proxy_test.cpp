@@ -14,7 +14,7 @@
 #include "tests/kestrel/net/curl_test_support.h"
 #include "tests/support/proxy_server.h"
 
-namespace curl_test {
+namespace quire_test::curl {
 namespace {
 
 namespace status = kestrel::net::status;
@@ -195,4 +195,4 @@ TEST_F(CurlProxyTest, ConfigureRefusesAMalformedProxy) {
 }
 
 }  // namespace
-}  // namespace curl_test
+}  // namespace quire_test::curl

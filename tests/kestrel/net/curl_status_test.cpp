@@ -11,7 +11,7 @@
 #include "kestrel/net/server_info.h"
 #include "tests/kestrel/net/curl_test_support.h"
 
-namespace curl_test {
+namespace quire_test::curl {
 namespace {
 
 using kestrel::net::ConnectionManager;
@@ -86,4 +86,4 @@ TEST_F(CurlStatusTest, RedirectIsHandedBackWithItsLocation) {
 }
 
 }  // namespace
-}  // namespace curl_test
+}  // namespace quire_test::curl

@@ -12,12 +12,12 @@ namespace {
 
 using kestrel::XmlAttribute;
 using kestrel::XmlNode;
-using xml_test::Child;
-using xml_test::ChildCount;
-using xml_test::Read;
-using xml_test::U8;
+using quire_test::xml::Child;
+using quire_test::xml::ChildCount;
+using quire_test::xml::Read;
+using quire_test::xml::U8;
 
-class XmlReaderTest : public xml_test::XmlTest {};
+class XmlReaderTest : public quire_test::xml::XmlTest {};
 
 TEST_F(XmlReaderTest, BuildsTheTreeInDocumentOrder) {
   auto reader = Read(

@@ -25,8 +25,8 @@ using kestrel::quire::DocsEntry;
 using kestrel::quire::DocsFeed;
 using kestrel::quire::NetworkResponseInfo;
 using kestrel::quire::QtEventLoopDriver;
-using quire_hardening::LibraryClient;
-using quire_qt_test::RunQtLoop;
+using quire_test::hardening::LibraryClient;
+using quire_test::qt::RunQtLoop;
 
 QByteArray Pattern(int size, int seed) {
   QByteArray bytes(size, '\0');
@@ -37,7 +37,7 @@ QByteArray Pattern(int size, int seed) {
 class QtEmulatorTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    quire_qt_test::App();
+    quire_test::qt::App();
     ASSERT_TRUE(emulator_.Start({}));
     LibraryClient::Options options;
     options.port = emulator_.port();
@@ -56,7 +56,7 @@ class QtEmulatorTest : public ::testing::Test {
     client_.reset();
   }
 
-  quire_hardening::FaultEmulator emulator_;
+  quire_test::hardening::FaultEmulator emulator_;
   std::unique_ptr<LibraryClient> client_;
   std::unique_ptr<QtEventLoopDriver> driver_;
 };
@@ -101,7 +101,7 @@ TEST_F(QtEmulatorTest, CallbacksArriveInQtsLoopAndChainedOperationsProceed) {
   });
   ASSERT_TRUE(RunQtLoop([&] { return done; }, 60.0)) << "the chain stalled in Qt's loop";
   EXPECT_TRUE(all_on_main_thread);
-  EXPECT_EQ(email, QString::fromLatin1(quire_hardening::kAccount));
+  EXPECT_EQ(email, QString::fromLatin1(quire_test::hardening::kAccount));
   EXPECT_EQ(create_status, 0);
   EXPECT_EQ(upload_status, 0);
   EXPECT_EQ(feed_status, 0);

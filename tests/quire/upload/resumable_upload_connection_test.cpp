@@ -13,6 +13,7 @@
 
 #include "quire/quire.h"
 #include "tests/quire/upload/upload_test_support.h"
+#include "tests/support/data_pattern.h"
 #include "tests/support/test_support.h"
 
 namespace {
@@ -22,9 +23,9 @@ using kestrel::net::ScriptedTransport;
 using kestrel::quire::Connection;
 using kestrel::quire::ConnectionUtils;
 using quire_test::Http;
-using quire_upload_test::Lines;
-using quire_upload_test::OutcomeRecorder;
-using quire_upload_test::S;
+using quire_test::upload::Lines;
+using quire_test::upload::OutcomeRecorder;
+using quire_test::upload::S;
 
 const char kPostUrl[] = "https://docs.quire.example/upload/create-session/default/private/full";
 const char kUploadUrl[] = "https://docs.quire.example/upload/session/s-1";
@@ -34,16 +35,7 @@ const char kMetadata[] =
 // Fast to fill, and different at every position.
 QByteArray Pattern(long long size) {
   QByteArray data(static_cast<decltype(data.size())>(size), Qt::Uninitialized);
-  std::uint64_t state = 0x9E3779B97F4A7C15ull;
-  char* out = data.data();
-  long long i = 0;
-  for (; i + 8 <= size; i += 8) {
-    state ^= state << 13;
-    state ^= state >> 7;
-    state ^= state << 17;
-    std::memcpy(out + i, &state, 8);
-  }
-  for (; i < size; ++i) out[i] = static_cast<char>(i);
+  quire_test::FillPattern(data.data(), 0, static_cast<std::size_t>(size));
   return data;
 }
 

@@ -23,11 +23,11 @@ namespace {
 using kestrel::quire::ConnectionUtils;
 using kestrel::quire::kMethodPost;
 using kestrel::quire::kMethodPut;
-using quire_upload_test::FakeConnection;
-using quire_upload_test::Lines;
-using quire_upload_test::OutcomeRecorder;
-using quire_upload_test::S;
-using quire_upload_test::SentRequest;
+using quire_test::upload::FakeConnection;
+using quire_test::upload::Lines;
+using quire_test::upload::OutcomeRecorder;
+using quire_test::upload::S;
+using quire_test::upload::SentRequest;
 
 const char kPostUrl[] = "https://docs.quire.example/upload/create-session/default/private/full";
 const char kUploadUrl[] = "https://docs.quire.example:8443/upload/session?upload_id=a1: b2";

@@ -13,7 +13,7 @@
 
 #include "quire/connection/i_connection.h"
 
-namespace quire_upload_test {
+namespace quire_test::upload {
 
 using kestrel::quire::ConnectionParams;
 using kestrel::quire::IConnection;
@@ -144,4 +144,4 @@ class OutcomeRecorder {
   std::vector<Outcome> outcomes_;
 };
 
-}  // namespace quire_upload_test
+}  // namespace quire_test::upload

@@ -5,7 +5,7 @@
 
 #include "quire/model/link_relations.h"
 
-namespace quire_server_test {
+namespace quire_test::server {
 namespace {
 
 namespace q = kestrel::quire;
@@ -118,4 +118,4 @@ std::string AtomView::IdOf(const EntryView& entry) {
   return slash == std::string::npos ? std::string() : entry.edit.substr(slash + 1);
 }
 
-}  // namespace quire_server_test
+}  // namespace quire_test::server

@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-namespace quire_server_test {
+namespace quire_test::server {
 
 struct EntryView {
   bool parsed = false;
@@ -65,4 +65,4 @@ class AtomView {
   static std::string IdOf(const EntryView& entry);
 };
 
-}  // namespace quire_server_test
+}  // namespace quire_test::server

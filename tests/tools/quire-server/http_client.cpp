@@ -3,7 +3,7 @@
 #include <openssl/evp.h>
 #include <strings.h>
 
-namespace quire_server_test {
+namespace quire_test::server {
 namespace {
 
 std::size_t CollectBody(char* data, std::size_t size, std::size_t count, void* user) {
@@ -110,4 +110,4 @@ std::string Sha256Hex(const std::string& bytes) {
   return text;
 }
 
-}  // namespace quire_server_test
+}  // namespace quire_test::server

@@ -21,23 +21,23 @@
 #include <thread>
 #include <vector>
 
-#include "tests/tools/cli/cli_end_to_end_fixture.h"
-#include "tests/tools/cli/process_runner.h"
+#include "tests/tools/quire/cli_end_to_end_fixture.h"
+#include "tests/tools/quire/process_runner.h"
 
 namespace {
 
-using quire_cli_test::kToken;
-using quire_cli_test::LastLine;
-using quire_cli_test::Pattern;
-using quire_cli_test::ProcessResult;
-using quire_cli_test::ProcessRunner;
+using quire_test::cli::kToken;
+using quire_test::cli::LastLine;
+using quire_test::cli::Pattern;
+using quire_test::cli::ProcessResult;
+using quire_test::cli::ProcessRunner;
 
 QByteArray Sha256(const QByteArray& bytes) {
   return QCryptographicHash::hash(bytes, QCryptographicHash::Sha256).toHex();
 }
 
 // The emulator and quire of the end-to-end fixture, with a folder "out" to download into.
-class CliDownloadTest : public quire_cli_test::CliEndToEndTest {
+class CliDownloadTest : public quire_test::cli::CliEndToEndTest {
  protected:
   void SetUp() override {
     CliEndToEndTest::SetUp();

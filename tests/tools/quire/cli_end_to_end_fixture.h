@@ -18,11 +18,11 @@
 #include <vector>
 
 #include "quire/services/endpoints.h"
-#include "tests/tools/cli/process_runner.h"
 #include "tests/tools/quire-server/http_client.h"
+#include "tests/tools/quire/process_runner.h"
 #include "tools/quire/server_process.h"
 
-namespace quire_cli_test {
+namespace quire_test::cli {
 
 using quire_cli::ServerProcess;
 
@@ -140,9 +140,9 @@ class CliEndToEndTest : public ::testing::Test {
 
   // The documents feed's bytes as the emulator sends them to the library, fetched without quire.
   std::string FetchFeed() {
-    quire_server_test::HttpClient client(QUrl(server_->url()).port(),
-                                         server_->certificate().toStdString());
-    const quire_server_test::HttpResult result =
+    quire_test::server::HttpClient client(QUrl(server_->url()).port(),
+                                          server_->certificate().toStdString());
+    const quire_test::server::HttpResult result =
         client.Send("GET", kestrel::quire::DocsFeedUrl,
                     {std::string("Quire-Version: ") + kestrel::quire::kProtocolVersion,
                      std::string("Authorization: Bearer ") + kToken});
@@ -172,4 +172,4 @@ class CliEndToEndTest : public ::testing::Test {
   std::unique_ptr<ServerProcess> server_;
 };
 
-}  // namespace quire_cli_test
+}  // namespace quire_test::cli

@@ -10,11 +10,11 @@
 #include <thread>
 #include <vector>
 
-#include "tests/tools/cli/cli_end_to_end_fixture.h"
+#include "tests/tools/quire/cli_end_to_end_fixture.h"
 
 namespace {
 
-using namespace quire_cli_test;
+using namespace quire_test::cli;
 
 class CliRetryTest : public CliEndToEndTest {};
 

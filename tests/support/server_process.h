@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-namespace quire_server_test {
+namespace quire_test {
 
 class ServerProcess {
  public:
@@ -54,4 +54,4 @@ class ServerProcess {
   std::string first_line_;
 };
 
-}  // namespace quire_server_test
+}  // namespace quire_test

@@ -37,7 +37,7 @@ if(TARGET quire-server AND TARGET quire_cli)
       ${CMAKE_CURRENT_LIST_DIR}/cli_proxy_test.cpp
       ${CMAKE_CURRENT_LIST_DIR}/process_runner.cpp
       ${CMAKE_CURRENT_LIST_DIR}/proxy_environment_test.cpp
-    LIBS quire_cli_core quire_test_proxy)
+    LIBS quire_cli_core quire_test_support)
   target_compile_definitions(quire_cli_proxy_test PRIVATE
     QUIRE_BINARY="$<TARGET_FILE:quire_cli>"
     QUIRE_SERVER_BINARY="$<TARGET_FILE:quire-server>")

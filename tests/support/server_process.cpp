@@ -1,4 +1,4 @@
-#include "tests/tools/quire-server/server_process.h"
+#include "tests/support/server_process.h"
 
 #include <fcntl.h>
 #include <poll.h>
@@ -13,7 +13,7 @@
 
 extern char** environ;
 
-namespace quire_server_test {
+namespace quire_test {
 namespace {
 
 constexpr int kStartTimeoutMs = 30000;
@@ -161,4 +161,4 @@ int ServerProcess::Reap(int timeout_ms) {
   }
 }
 
-}  // namespace quire_server_test
+}  // namespace quire_test

@@ -1,24 +1,19 @@
 # Tests of the command-line programs. Paths are relative to tests/.
 if(TARGET quire-server)
   find_package(CURL REQUIRED)
-  find_package(OpenSSL REQUIRED)
   find_package(pugixml REQUIRED)
-  find_package(Threads REQUIRED)
 
   # Starts the emulator binary and talks to it over HTTP(S).
   add_library(quire_server_test_support STATIC
     tools/quire-server/atom_view.cpp
     tools/quire-server/http_client.cpp
     tools/quire-server/raw_connection.cpp
-    tools/quire-server/server_process.cpp
     tools/quire-server/server_test.cpp
   )
   quire_warnings(quire_server_test_support)
   target_include_directories(quire_server_test_support PUBLIC ${PROJECT_SOURCE_DIR})
-  target_compile_definitions(quire_server_test_support PUBLIC
-    QUIRE_SERVER_BINARY="$<TARGET_FILE:quire-server>")
   target_link_libraries(quire_server_test_support PUBLIC
-    CURL::libcurl OpenSSL::Crypto pugixml::pugixml GTest::gtest Threads::Threads)
+    quire_test_support CURL::libcurl pugixml::pugixml)
   if(QUIRE_SERVER_EXECUTABLE)
     # The emulator was built and tested elsewhere; only the library's tests use it here.
     return()

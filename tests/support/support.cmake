@@ -1,0 +1,30 @@
+# The one home of test infrastructure, linked by every suite and by the benchmarks: the scripted
+# transport fixtures and leak checks (headers), raw TCP/TLS servers, the emulator as a child
+# process, temporary folders, the deterministic data pattern (a header), test certificates and a
+# real proxy. Included by tests/CMakeLists.txt, and by bench/CMakeLists.txt when the tests are off.
+find_package(GTest REQUIRED)
+find_package(OpenSSL REQUIRED)
+find_package(Threads REQUIRED)
+
+add_library(quire_test_support STATIC
+  ${CMAKE_CURRENT_LIST_DIR}/proxy_server.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/raw_server.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/socket_stream.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/tcp_listener.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/temp_dir.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/test_certificates.cpp
+)
+quire_warnings(quire_test_support)
+target_include_directories(quire_test_support PUBLIC ${PROJECT_SOURCE_DIR})
+target_link_libraries(quire_test_support PUBLIC
+  quire kestrel GTest::gtest OpenSSL::SSL OpenSSL::Crypto Threads::Threads)
+if(TARGET quire-server)
+  # ServerProcess starts the emulator this build made (or the one given as
+  # QUIRE_SERVER_EXECUTABLE).
+  target_sources(quire_test_support PRIVATE ${CMAKE_CURRENT_LIST_DIR}/server_process.cpp)
+  target_compile_definitions(quire_test_support PRIVATE
+    QUIRE_SERVER_BINARY="$<TARGET_FILE:quire-server>")
+  if(NOT QUIRE_SERVER_EXECUTABLE)
+    add_dependencies(quire_test_support quire-server)
+  endif()
+endif()
