@@ -331,32 +331,19 @@ bool ParseService(Options* options) {
 
 int main(int argc, char** argv) {
   Options options;
-  for (int i = 1; i < argc; ++i) {
-    const std::string arg = argv[i];
-    auto value = [&] { return i + 1 < argc ? std::string(argv[++i]) : std::string(); };
-    if (arg == "--service") {
-      options.service = value();
-    } else if (arg == "--ca") {
-      options.ca = value();
-    } else if (arg == "--token") {
-      options.token = value();
-    } else if (arg == "--out") {
-      options.out = value();
-    } else if (arg == "--rounds") {
-      options.rounds = std::max(1, std::atoi(value().c_str()));
-    } else if (arg == "--size") {
-      options.size_mib = std::max(1LL, std::atoll(value().c_str()));
-    } else if (arg == "--chunk") {
-      options.chunk_kib = std::max(1LL, std::atoll(value().c_str()));
-    } else if (arg == "--idle") {
-      options.idle_seconds = std::max(0.5, std::atof(value().c_str()));
-    } else {
-      std::fprintf(stderr,
-                   "usage: %s --service https://ADDRESS:PORT --ca FILE [--token T] [--out FILE] "
-                   "[--rounds N] [--size MiB] [--chunk KiB] [--idle SECONDS]\n",
-                   argv[0]);
-      return 2;
-    }
+  quire_bench::CommandLine command_line;
+  command_line.Text("--service", &options.service);
+  command_line.Text("--ca", &options.ca);
+  command_line.Text("--token", &options.token);
+  command_line.Text("--out", &options.out);
+  command_line.Number("--rounds", &options.rounds, 1);
+  command_line.Number("--size", &options.size_mib, 1LL);
+  command_line.Number("--chunk", &options.chunk_kib, 1LL);
+  command_line.Number("--idle", &options.idle_seconds, 0.5);
+  if (!command_line.Parse(argc, argv,
+                          "--service https://ADDRESS:PORT --ca FILE [--token T] [--out FILE] "
+                          "[--rounds N] [--size MiB] [--chunk KiB] [--idle SECONDS]")) {
+    return 2;
   }
   if (!ParseService(&options)) {
     std::fprintf(stderr, "qt_loop_bench: --service must be https://ADDRESS:PORT\n");

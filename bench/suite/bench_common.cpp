@@ -12,6 +12,7 @@
 #include <cstring>
 #include <fstream>
 #include <sstream>
+#include <utility>
 
 #include "tests/support/data_pattern.h"
 
@@ -191,6 +192,68 @@ bool AppendRow(const std::string& path, const Row& row, bool echo) {
       << (row.lower_better ? 1 : 0) << '\t' << row.note << '\t' << row.cpu_unit << '\t'
       << Join(row.ours_cpu) << '\t' << Join(row.peer_cpu) << '\n';
   return static_cast<bool>(out);
+}
+
+std::vector<std::string> Split(const std::string& text, char separator) {
+  std::vector<std::string> parts;
+  std::size_t start = 0;
+  while (start <= text.size()) {
+    const std::size_t end = text.find(separator, start);
+    parts.push_back(text.substr(start, end == std::string::npos ? std::string::npos : end - start));
+    if (end == std::string::npos) break;
+    start = end + 1;
+  }
+  return parts;
+}
+
+void CommandLine::Text(const char* name, std::string* out) {
+  Custom(name, [out](const std::string& value) { *out = value; });
+}
+
+void CommandLine::Number(const char* name, int* out, int least) {
+  Custom(name, [out, least](const std::string& value) {
+    *out = std::max(least, std::atoi(value.c_str()));
+  });
+}
+
+void CommandLine::Number(const char* name, long long* out, long long least) {
+  Custom(name, [out, least](const std::string& value) {
+    *out = std::max(least, std::atoll(value.c_str()));
+  });
+}
+
+void CommandLine::Number(const char* name, double* out, double least) {
+  Custom(name, [out, least](const std::string& value) {
+    *out = std::max(least, std::atof(value.c_str()));
+  });
+}
+
+void CommandLine::List(const char* name, std::vector<std::string>* out) {
+  Custom(name, [out](const std::string& value) { *out = Split(value, ','); });
+}
+
+void CommandLine::Custom(const char* name, std::function<void(const std::string&)> apply) {
+  options_.push_back({name, std::move(apply)});
+}
+
+bool CommandLine::Parse(int argc, char** argv, const char* usage) const {
+  for (int i = 1; i < argc; ++i) {
+    const std::string arg = argv[i];
+    const std::string value = i + 1 < argc ? std::string(argv[i + 1]) : std::string();
+    bool known = false;
+    for (const Option& option : options_) {
+      if (arg != option.name) continue;
+      option.apply(value);
+      known = true;
+      break;
+    }
+    if (!known) {
+      std::fprintf(stderr, "usage: %s %s\n", argv[0], usage);
+      return false;
+    }
+    ++i;
+  }
+  return true;
 }
 
 }  // namespace quire_bench

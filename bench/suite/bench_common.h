@@ -3,6 +3,7 @@
 #pragma once
 
 #include <chrono>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -74,5 +75,36 @@ struct Row {
 // Appends `row` to `path` (creating it; an empty path writes nothing), and with `echo` prints a
 // one-line summary on standard output.
 bool AppendRow(const std::string& path, const Row& row, bool echo = true);
+
+// The parts of `text` between the `separator`s (one empty part for an empty text).
+std::vector<std::string> Split(const std::string& text, char separator);
+
+// The command line of a benchmark program: options of the form "--name value", each naming where
+// its value goes. A missing value reads as empty (so a number as 0, then raised to its least).
+class CommandLine {
+ public:
+  // The value as text.
+  void Text(const char* name, std::string* out);
+  // The value as a whole number, at least `least`.
+  void Number(const char* name, int* out, int least);
+  void Number(const char* name, long long* out, long long least);
+  // The value as a decimal number, at least `least`.
+  void Number(const char* name, double* out, double least);
+  // The value's comma-separated parts.
+  void List(const char* name, std::vector<std::string>* out);
+  // The value, handed to `apply`.
+  void Custom(const char* name, std::function<void(const std::string&)> apply);
+
+  // Reads `argv`; on an option it does not know, prints "usage: PROGRAM `usage`" on standard error
+  // and returns false.
+  bool Parse(int argc, char** argv, const char* usage) const;
+
+ private:
+  struct Option {
+    std::string name;
+    std::function<void(const std::string&)> apply;
+  };
+  std::vector<Option> options_;
+};
 
 }  // namespace quire_bench

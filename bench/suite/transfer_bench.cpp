@@ -87,21 +87,9 @@ struct Options {
   }
 };
 
-std::vector<std::string> Split(const std::string& text, char separator) {
-  std::vector<std::string> parts;
-  std::size_t start = 0;
-  while (start <= text.size()) {
-    const std::size_t end = text.find(separator, start);
-    parts.push_back(text.substr(start, end == std::string::npos ? std::string::npos : end - start));
-    if (end == std::string::npos) break;
-    start = end + 1;
-  }
-  return parts;
-}
-
 std::vector<long long> Numbers(const std::string& text) {
   std::vector<long long> numbers;
-  for (const std::string& part : Split(text, ',')) {
+  for (const std::string& part : quire_bench::Split(text, ',')) {
     if (!part.empty()) numbers.push_back(std::atoll(part.c_str()));
   }
   return numbers;
@@ -637,37 +625,24 @@ bool ParseService(Options* options) {
 
 int main(int argc, char** argv) {
   Options options;
-  for (int i = 1; i < argc; ++i) {
-    const std::string arg = argv[i];
-    auto value = [&] { return i + 1 < argc ? std::string(argv[++i]) : std::string(); };
-    if (arg == "--service") {
-      options.service = value();
-    } else if (arg == "--ca") {
-      options.ca = value();
-    } else if (arg == "--token") {
-      options.token = value();
-    } else if (arg == "--work") {
-      options.work = value();
-    } else if (arg == "--out") {
-      options.out = value();
-    } else if (arg == "--rounds") {
-      options.rounds = std::max(1, std::atoi(value().c_str()));
-    } else if (arg == "--sizes") {
-      options.sizes_mib = Numbers(value());
-    } else if (arg == "--chunks") {
-      options.chunks_kib = Numbers(value());
-    } else if (arg == "--small") {
-      options.small = std::max(1, std::atoi(value().c_str()));
-    } else if (arg == "--only") {
-      options.only = Split(value(), ',');
-    } else {
-      std::fprintf(stderr,
-                   "usage: %s --service URL --ca FILE [--token T] --work DIR [--out FILE] "
-                   "[--rounds N] [--sizes MiB,...] [--chunks KiB,...] [--small N] "
-                   "[--only upload,download,small,memory]\n",
-                   argv[0]);
-      return 2;
-    }
+  quire_bench::CommandLine command_line;
+  command_line.Text("--service", &options.service);
+  command_line.Text("--ca", &options.ca);
+  command_line.Text("--token", &options.token);
+  command_line.Text("--work", &options.work);
+  command_line.Text("--out", &options.out);
+  command_line.Number("--rounds", &options.rounds, 1);
+  command_line.Custom("--sizes",
+                      [&](const std::string& value) { options.sizes_mib = Numbers(value); });
+  command_line.Custom("--chunks",
+                      [&](const std::string& value) { options.chunks_kib = Numbers(value); });
+  command_line.Number("--small", &options.small, 1);
+  command_line.List("--only", &options.only);
+  if (!command_line.Parse(argc, argv,
+                          "--service URL --ca FILE [--token T] --work DIR [--out FILE] "
+                          "[--rounds N] [--sizes MiB,...] [--chunks KiB,...] [--small N] "
+                          "[--only upload,download,small,memory]")) {
+    return 2;
   }
   if (!ParseService(&options) || options.sizes_mib.empty() || options.chunks_kib.empty()) {
     std::fprintf(stderr, "transfer_bench: --service must be http(s)://ADDRESS:PORT\n");
