@@ -8,4 +8,4 @@ add_executable(net_bench
 )
 quire_warnings(net_bench)
 target_include_directories(net_bench PRIVATE ${PROJECT_SOURCE_DIR})
-target_link_libraries(net_bench PRIVATE quire_test_support CURL::libcurl)
+target_link_libraries(net_bench PRIVATE quire_bench_common)

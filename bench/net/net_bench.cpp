@@ -31,6 +31,7 @@
 #include <vector>
 
 #include "bench/net/bench_http_server.h"
+#include "bench/suite/bench_common.h"
 #include "kestrel/base/main_loop.h"
 #include "kestrel/net/curl_transport.h"
 #include "kestrel/net/transport_registry.h"
@@ -41,17 +42,9 @@ extern char** environ;
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
-
-double SecondsSince(Clock::time_point start) {
-  return std::chrono::duration<double>(Clock::now() - start).count();
-}
-
-double Median(std::vector<double> values) {
-  std::sort(values.begin(), values.end());
-  const std::size_t n = values.size();
-  return n % 2 == 1 ? values[n / 2] : (values[n / 2 - 1] + values[n / 2]) / 2;
-}
+using quire_bench::Clock;
+using quire_bench::Median;
+using quire_bench::SecondsSince;
 
 struct Options {
   int rounds = 3;
@@ -260,22 +253,8 @@ double PlainMultiLoop(const Target& target, int count) {
   if (!target.ca_file.empty()) curl_easy_setopt(easy, CURLOPT_CAINFO, target.ca_file.c_str());
   curl_slist* headers = curl_slist_append(nullptr, "Authorization: Bearer bench-token");
   curl_easy_setopt(easy, CURLOPT_HTTPHEADER, headers);
-  bool ok = true;
   const Clock::time_point start = Clock::now();
-  for (int i = 0; i < count && ok; ++i) {
-    curl_multi_add_handle(multi, easy);
-    int running = 1;
-    while (running > 0) {
-      curl_multi_perform(multi, &running);
-      if (running > 0) curl_multi_poll(multi, nullptr, 0, 1000, nullptr);
-    }
-    int left = 0;
-    CURLMsg* message = curl_multi_info_read(multi, &left);
-    long code = 0;
-    curl_easy_getinfo(easy, CURLINFO_RESPONSE_CODE, &code);
-    ok = message != nullptr && message->data.result == CURLE_OK && code == 200;
-    curl_multi_remove_handle(multi, easy);
-  }
+  const bool ok = quire_bench::PerformOneAfterAnother(multi, easy, count);
   const double seconds = SecondsSince(start);
   curl_slist_free_all(headers);
   curl_easy_cleanup(easy);

@@ -46,12 +46,7 @@ using quire_bench::Clock;
 using quire_bench::Median;
 using quire_bench::SecondsSince;
 
-struct Options {
-  std::string service;
-  std::string ca;
-  std::string token = "quire-demo-token";
-  std::string out;
-  int rounds = 5;
+struct Options : quire_bench::ServiceOptions {
   long long size_mib = 64;
   long long chunk_kib = 256;
   double idle_seconds = 3;
@@ -332,11 +327,7 @@ bool ParseService(Options* options) {
 int main(int argc, char** argv) {
   Options options;
   quire_bench::CommandLine command_line;
-  command_line.Text("--service", &options.service);
-  command_line.Text("--ca", &options.ca);
-  command_line.Text("--token", &options.token);
-  command_line.Text("--out", &options.out);
-  command_line.Number("--rounds", &options.rounds, 1);
+  quire_bench::AddServiceOptions(&options, &command_line);
   command_line.Number("--size", &options.size_mib, 1LL);
   command_line.Number("--chunk", &options.chunk_kib, 1LL);
   command_line.Number("--idle", &options.idle_seconds, 0.5);

@@ -194,6 +194,25 @@ bool AppendRow(const std::string& path, const Row& row, bool echo) {
   return static_cast<bool>(out);
 }
 
+bool PerformOneAfterAnother(CURLM* multi, CURL* easy, int count) {
+  bool ok = true;
+  for (int i = 0; i < count && ok; ++i) {
+    curl_multi_add_handle(multi, easy);
+    int running = 1;
+    while (running > 0) {
+      curl_multi_perform(multi, &running);
+      if (running > 0) curl_multi_poll(multi, nullptr, 0, 1000, nullptr);
+    }
+    int left = 0;
+    CURLMsg* message = curl_multi_info_read(multi, &left);
+    long code = 0;
+    curl_easy_getinfo(easy, CURLINFO_RESPONSE_CODE, &code);
+    ok = message != nullptr && message->data.result == CURLE_OK && code == 200;
+    curl_multi_remove_handle(multi, easy);
+  }
+  return ok;
+}
+
 std::vector<std::string> Split(const std::string& text, char separator) {
   std::vector<std::string> parts;
   std::size_t start = 0;
@@ -234,6 +253,14 @@ void CommandLine::List(const char* name, std::vector<std::string>* out) {
 
 void CommandLine::Custom(const char* name, std::function<void(const std::string&)> apply) {
   options_.push_back({name, std::move(apply)});
+}
+
+void AddServiceOptions(ServiceOptions* options, CommandLine* command_line) {
+  command_line->Text("--service", &options->service);
+  command_line->Text("--ca", &options->ca);
+  command_line->Text("--token", &options->token);
+  command_line->Text("--out", &options->out);
+  command_line->Number("--rounds", &options->rounds, 1);
 }
 
 bool CommandLine::Parse(int argc, char** argv, const char* usage) const {

@@ -2,6 +2,8 @@
 // peer, resident-memory readings, and the result rows that bench_report turns into the report.
 #pragma once
 
+#include <curl/curl.h>
+
 #include <chrono>
 #include <functional>
 #include <string>
@@ -28,6 +30,11 @@ struct CurlTimes {
 // Runs `curl -s -S --fail --http1.1` with `args` added, standard output to /dev/null unless the
 // arguments redirect it. Returns what -w reported.
 CurlTimes RunCurl(const std::vector<std::string>& args);
+
+// Performs `easy` `count` times one after another on `multi` (which it is not part of), as a plain
+// libcurl client does: the least libcurl can do per request. False at the first transfer that
+// fails or answers other than 200.
+bool PerformOneAfterAnother(CURLM* multi, CURL* easy, int count);
 
 // The version line of the curl command ("curl 7.88.1 ..."), or empty.
 std::string CurlCommandVersion();
@@ -106,5 +113,17 @@ class CommandLine {
   };
   std::vector<Option> options_;
 };
+
+// The options of every benchmark program that talks to the emulator.
+struct ServiceOptions {
+  std::string service;  // SCHEME://ADDRESS:PORT
+  std::string ca;       // the authority to trust
+  std::string token = "quire-demo-token";
+  std::string out;  // the result rows' file; empty: none
+  int rounds = 5;
+};
+
+// Adds --service, --ca, --token, --out and --rounds (at least 1) for `options`.
+void AddServiceOptions(ServiceOptions* options, CommandLine* command_line);
 
 }  // namespace quire_bench

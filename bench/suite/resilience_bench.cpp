@@ -49,15 +49,10 @@ using quire_bench::SecondsSince;
 
 constexpr long long kMiB = 1024 * 1024;
 
-struct Options {
-  std::string service;
-  std::string ca;
+struct Options : quire_bench::ServiceOptions {
   std::string faulty;
   std::string faulty_ca;
-  std::string token = "quire-demo-token";
   std::string work = "/tmp";
-  std::string out;
-  int rounds = 5;
   long long size_mib = 256;
   long long memory_size_mib = 4096;
   long long chunk_kib = 8192;
@@ -277,14 +272,10 @@ bool Memory(const Options& options) {
 int main(int argc, char** argv) {
   Options options;
   quire_bench::CommandLine command_line;
-  command_line.Text("--service", &options.service);
-  command_line.Text("--ca", &options.ca);
+  quire_bench::AddServiceOptions(&options, &command_line);
   command_line.Text("--faulty", &options.faulty);
   command_line.Text("--faulty-ca", &options.faulty_ca);
-  command_line.Text("--token", &options.token);
   command_line.Text("--work", &options.work);
-  command_line.Text("--out", &options.out);
-  command_line.Number("--rounds", &options.rounds, 1);
   command_line.Number("--size", &options.size_mib, 1);
   command_line.Number("--memory-size", &options.memory_size_mib, 1);
   command_line.Number("--chunk", &options.chunk_kib, 1);

@@ -58,13 +58,8 @@ using quire_bench::SecondsSince;
 constexpr long long kMiB = 1024 * 1024;
 constexpr long long kDefaultChunkKiB = 8 * 1024;
 
-struct Options {
-  std::string service;  // https://127.0.0.1:PORT
-  std::string ca;
-  std::string token = "quire-demo-token";
+struct Options : quire_bench::ServiceOptions {
   std::string work = "/tmp";
-  std::string out;
-  int rounds = 5;
   std::vector<long long> sizes_mib = {1, 4, 16, 64, 256, 1024};
   std::vector<long long> chunks_kib = {256, 1024, 8192, 32768};
   int small = 10000;
@@ -460,23 +455,9 @@ class PlainLoop {
   PlainLoop& operator=(const PlainLoop&) = delete;
 
   Sample Run(int count) {
-    bool ok = true;
     const double cpu = quire_bench::ProcessCpuSeconds();
     const Clock::time_point start = Clock::now();
-    for (int i = 0; i < count && ok; ++i) {
-      curl_multi_add_handle(multi_, easy_);
-      int running = 1;
-      while (running > 0) {
-        curl_multi_perform(multi_, &running);
-        if (running > 0) curl_multi_poll(multi_, nullptr, 0, 1000, nullptr);
-      }
-      int left = 0;
-      CURLMsg* message = curl_multi_info_read(multi_, &left);
-      long code = 0;
-      curl_easy_getinfo(easy_, CURLINFO_RESPONSE_CODE, &code);
-      ok = message != nullptr && message->data.result == CURLE_OK && code == 200;
-      curl_multi_remove_handle(multi_, easy_);
-    }
+    const bool ok = quire_bench::PerformOneAfterAnother(multi_, easy_, count);
     Sample sample{SecondsSince(start), quire_bench::ProcessCpuSeconds() - cpu};
     if (!ok) sample.seconds = -1;
     return sample;
@@ -626,12 +607,8 @@ bool ParseService(Options* options) {
 int main(int argc, char** argv) {
   Options options;
   quire_bench::CommandLine command_line;
-  command_line.Text("--service", &options.service);
-  command_line.Text("--ca", &options.ca);
-  command_line.Text("--token", &options.token);
+  quire_bench::AddServiceOptions(&options, &command_line);
   command_line.Text("--work", &options.work);
-  command_line.Text("--out", &options.out);
-  command_line.Number("--rounds", &options.rounds, 1);
   command_line.Custom("--sizes",
                       [&](const std::string& value) { options.sizes_mib = Numbers(value); });
   command_line.Custom("--chunks",
