@@ -8,7 +8,7 @@
 //   4. the cost of the transport's thread hand-off: I/O thread to main loop and back.
 // Figures are medians over the rounds; a ratio above 1 means the transport is faster.
 //
-// Usage: quire_bench::net [--rounds N] [--mib N] [--small N] [--https] [--only
+// Usage: net_bench [--rounds N] [--mib N] [--small N] [--https] [--only
 // download|upload|small|handoff]
 #include <curl/curl.h>
 #include <openssl/ssl.h>
@@ -418,8 +418,7 @@ int main(int argc, char** argv) {
   std::vector<Target> targets = {{"http", plain_server.port(), ""}};
   if (options.https) targets.push_back({"https", tls_server.port(), certificates.authority_file()});
 
-  std::printf("quire_bench::net: loopback, %d rounds, alternating, %s\n", options.rounds,
-              curl_version());
+  std::printf("net_bench: loopback, %d rounds, alternating, %s\n", options.rounds, curl_version());
   bool ok = true;
   {
     kestrel::quire::Connection connection;
