@@ -17,9 +17,9 @@
 #include "quire/upload/resumable_uploader.h"
 #include "tests/hardening/fault_emulator.h"
 #include "tests/hardening/library_client.h"
+#include "tests/support/atom_view.h"
 #include "tests/support/data_pattern.h"
-#include "tests/tools/quire-server/atom_view.h"
-#include "tests/tools/quire-server/http_client.h"
+#include "tests/support/http_client.h"
 
 namespace quire_test::hardening {
 namespace {
@@ -71,7 +71,7 @@ TEST(UploadChaosTest, TwentyUploadsUnderTenPercentFailuresEndByteIdentical) {
       upload.size = std::uniform_int_distribution<std::int64_t>(1, kMaxSize)(random);
       upload.chunk = std::uniform_int_distribution<std::uint32_t>(kMinChunk, kMaxChunk)(random);
       const std::string bytes = SeededBytes(upload.size, static_cast<std::uint64_t>(i) + 1);
-      upload.sha256 = quire_test::server::Sha256Hex(bytes);
+      upload.sha256 = quire_test::Sha256Hex(bytes);
       const QString path = QString::fromStdString(files.path() + "/" + std::to_string(i) + ".bin");
       {
         QFile file(path);
@@ -98,7 +98,7 @@ TEST(UploadChaosTest, TwentyUploadsUnderTenPercentFailuresEndByteIdentical) {
       ASSERT_EQ(status, 0) << "upload " << i << " of " << upload.size << " bytes in chunks of "
                            << upload.chunk << ": error " << uploader.error();
       retries += uploader.progress().retries;
-      const quire_test::server::EntryView view = quire_test::server::AtomView::ParseEntry(entry);
+      const quire_test::EntryView view = quire_test::AtomView::ParseEntry(entry);
       ASSERT_TRUE(view.parsed) << entry;
       upload.content_src = view.content_src;
       QFile::remove(path);
@@ -110,14 +110,14 @@ TEST(UploadChaosTest, TwentyUploadsUnderTenPercentFailuresEndByteIdentical) {
   std::cout << "chaos: " << kUploads << " uploads, " << retries << " retries" << std::endl;
 
   ASSERT_TRUE(emulator.Start({}));
-  quire_test::server::HttpClient http(emulator.port(), emulator.certificate_file());
+  quire_test::HttpClient http(emulator.port(), emulator.certificate_file());
   for (int i = 0; i < kUploads; ++i) {
-    const quire_test::server::HttpResult got =
+    const quire_test::HttpResult got =
         http.Send("GET", uploads[i].content_src,
                   {"Quire-Version: 3.0", std::string("Authorization: Bearer ") + kToken});
     ASSERT_EQ(got.status, 200) << i;
     EXPECT_EQ(static_cast<std::int64_t>(got.body.size()), uploads[i].size) << i;
-    EXPECT_EQ(quire_test::server::Sha256Hex(got.body), uploads[i].sha256) << i;
+    EXPECT_EQ(quire_test::Sha256Hex(got.body), uploads[i].sha256) << i;
   }
 }
 

@@ -1,12 +1,18 @@
 # The one home of test infrastructure, linked by every suite and by the benchmarks: the scripted
 # transport fixtures and leak checks (headers), raw TCP/TLS servers, the emulator as a child
-# process, temporary folders, the deterministic data pattern (a header), test certificates and a
+# process and an HTTP(S) client with an Atom reader to talk to it, a runner for other programs,
+# temporary folders, the deterministic data pattern (a header), test certificates and a
 # real proxy. Included by tests/CMakeLists.txt, and by bench/CMakeLists.txt when the tests are off.
 find_package(GTest REQUIRED)
+find_package(CURL REQUIRED)
 find_package(OpenSSL REQUIRED)
+find_package(pugixml REQUIRED)
 find_package(Threads REQUIRED)
 
 add_library(quire_test_support STATIC
+  ${CMAKE_CURRENT_LIST_DIR}/atom_view.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/http_client.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/process_runner.cpp
   ${CMAKE_CURRENT_LIST_DIR}/proxy_server.cpp
   ${CMAKE_CURRENT_LIST_DIR}/raw_server.cpp
   ${CMAKE_CURRENT_LIST_DIR}/socket_stream.cpp
@@ -17,7 +23,7 @@ add_library(quire_test_support STATIC
 quire_warnings(quire_test_support)
 target_include_directories(quire_test_support PUBLIC ${PROJECT_SOURCE_DIR})
 target_link_libraries(quire_test_support PUBLIC
-  quire kestrel GTest::gtest OpenSSL::SSL OpenSSL::Crypto Threads::Threads)
+  quire kestrel GTest::gtest CURL::libcurl OpenSSL::SSL OpenSSL::Crypto pugixml::pugixml Threads::Threads)
 if(TARGET quire-server)
   # ServerProcess starts the emulator this build made (or the one given as
   # QUIRE_SERVER_EXECUTABLE).

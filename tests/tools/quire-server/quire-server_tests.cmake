@@ -1,19 +1,15 @@
-# Tests of the command-line programs. Paths are relative to tests/.
+# Tests of the emulator, quire-server. Paths are relative to tests/.
 if(TARGET quire-server)
-  find_package(CURL REQUIRED)
-  find_package(pugixml REQUIRED)
-
-  # Starts the emulator binary and talks to it over HTTP(S).
+  # The emulator's test fixture: a fresh server per test and the protocol's requests, and a bare
+  # connection for requests HTTP libraries refuse to send.
   add_library(quire_server_test_support STATIC
-    tools/quire-server/atom_view.cpp
-    tools/quire-server/http_client.cpp
     tools/quire-server/raw_connection.cpp
     tools/quire-server/server_test.cpp
   )
   quire_warnings(quire_server_test_support)
   target_include_directories(quire_server_test_support PUBLIC ${PROJECT_SOURCE_DIR})
   target_link_libraries(quire_server_test_support PUBLIC
-    quire_test_support CURL::libcurl pugixml::pugixml)
+    quire_test_support)
   if(QUIRE_SERVER_EXECUTABLE)
     # The emulator was built and tested elsewhere; only the library's tests use it here.
     return()

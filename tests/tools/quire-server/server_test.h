@@ -8,10 +8,10 @@
 #include <string>
 #include <vector>
 
+#include "tests/support/atom_view.h"
+#include "tests/support/http_client.h"
 #include "tests/support/server_process.h"
 #include "tests/support/temp_dir.h"
-#include "tests/tools/quire-server/atom_view.h"
-#include "tests/tools/quire-server/http_client.h"
 
 namespace quire_test::server {
 

@@ -21,16 +21,16 @@
 #include <thread>
 #include <vector>
 
+#include "tests/support/process_runner.h"
 #include "tests/tools/quire/cli_end_to_end_fixture.h"
-#include "tests/tools/quire/process_runner.h"
 
 namespace {
 
+using quire_test::ProcessResult;
+using quire_test::ProcessRunner;
 using quire_test::cli::kToken;
 using quire_test::cli::LastLine;
 using quire_test::cli::Pattern;
-using quire_test::cli::ProcessResult;
-using quire_test::cli::ProcessRunner;
 
 QByteArray Sha256(const QByteArray& bytes) {
   return QCryptographicHash::hash(bytes, QCryptographicHash::Sha256).toHex();

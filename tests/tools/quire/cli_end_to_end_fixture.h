@@ -18,8 +18,8 @@
 #include <vector>
 
 #include "quire/services/endpoints.h"
-#include "tests/tools/quire-server/http_client.h"
-#include "tests/tools/quire/process_runner.h"
+#include "tests/support/http_client.h"
+#include "tests/support/process_runner.h"
 #include "tools/quire/server_process.h"
 
 namespace quire_test::cli {
@@ -140,9 +140,9 @@ class CliEndToEndTest : public ::testing::Test {
 
   // The documents feed's bytes as the emulator sends them to the library, fetched without quire.
   std::string FetchFeed() {
-    quire_test::server::HttpClient client(QUrl(server_->url()).port(),
-                                          server_->certificate().toStdString());
-    const quire_test::server::HttpResult result =
+    quire_test::HttpClient client(QUrl(server_->url()).port(),
+                                  server_->certificate().toStdString());
+    const quire_test::HttpResult result =
         client.Send("GET", kestrel::quire::DocsFeedUrl,
                     {std::string("Quire-Version: ") + kestrel::quire::kProtocolVersion,
                      std::string("Authorization: Bearer ") + kToken});

@@ -23,6 +23,7 @@
 
 namespace {
 
+using namespace quire_test;
 using namespace quire_test::cli;
 
 TEST_F(CliEndToEndTest, WhoamiNamesTheAccount) {

@@ -12,6 +12,7 @@
 
 namespace {
 
+using namespace quire_test;
 using namespace quire_test::cli;
 
 class CliLargeUploadTest : public CliEndToEndTest {};

@@ -11,16 +11,16 @@
 #include <string>
 #include <vector>
 
+#include "tests/support/process_runner.h"
 #include "tests/support/proxy_server.h"
-#include "tests/tools/quire/process_runner.h"
 #include "tools/quire/server_process.h"
 
 namespace {
 
 using quire_cli::ServerProcess;
+using quire_test::ProcessResult;
+using quire_test::ProcessRunner;
 using quire_test::ProxyServer;
-using quire_test::cli::ProcessResult;
-using quire_test::cli::ProcessRunner;
 
 constexpr char kAccount[] = "proxy@quire.example";
 constexpr char kToken[] = "proxy-token-5a4b3c2d1e0f";

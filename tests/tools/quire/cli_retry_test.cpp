@@ -14,6 +14,7 @@
 
 namespace {
 
+using namespace quire_test;
 using namespace quire_test::cli;
 
 class CliRetryTest : public CliEndToEndTest {};

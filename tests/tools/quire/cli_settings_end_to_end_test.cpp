@@ -11,14 +11,14 @@
 #include <string>
 #include <vector>
 
-#include "tests/tools/quire/process_runner.h"
+#include "tests/support/process_runner.h"
 #include "tools/quire/server_process.h"
 
 namespace {
 
 using quire_cli::ServerProcess;
-using quire_test::cli::ProcessResult;
-using quire_test::cli::ProcessRunner;
+using quire_test::ProcessResult;
+using quire_test::ProcessRunner;
 
 constexpr char kToken[] = "e2e-settings-token-8a7b6c5d4e3f";
 

@@ -22,7 +22,6 @@ if(TARGET quire-server AND TARGET quire_cli)
       ${CMAKE_CURRENT_LIST_DIR}/cli_end_to_end_test.cpp
       ${CMAKE_CURRENT_LIST_DIR}/cli_settings_end_to_end_test.cpp
       ${CMAKE_CURRENT_LIST_DIR}/cli_retry_test.cpp
-      ${CMAKE_CURRENT_LIST_DIR}/process_runner.cpp
     LIBS quire_cli_core quire_server_test_support)
   target_compile_definitions(quire_cli_end_to_end_test PRIVATE
     QUIRE_BINARY="$<TARGET_FILE:quire_cli>"
@@ -35,7 +34,6 @@ if(TARGET quire-server AND TARGET quire_cli)
   quire_add_test(quire_cli_proxy_test
     SOURCES
       ${CMAKE_CURRENT_LIST_DIR}/cli_proxy_test.cpp
-      ${CMAKE_CURRENT_LIST_DIR}/process_runner.cpp
       ${CMAKE_CURRENT_LIST_DIR}/proxy_environment_test.cpp
     LIBS quire_cli_core quire_test_support)
   target_compile_definitions(quire_cli_proxy_test PRIVATE
@@ -53,12 +51,11 @@ if(TARGET quire_cli)
 
   # An upload of 5 GiB through the program: minutes of disk and network, in the plain suite only.
   add_executable(quire_cli_large_upload_test
-    ${CMAKE_CURRENT_LIST_DIR}/cli_large_upload_test.cpp
-    ${CMAKE_CURRENT_LIST_DIR}/process_runner.cpp)
+    ${CMAKE_CURRENT_LIST_DIR}/cli_large_upload_test.cpp)
   quire_warnings(quire_cli_large_upload_test)
   target_include_directories(quire_cli_large_upload_test PRIVATE ${PROJECT_SOURCE_DIR})
   target_link_libraries(quire_cli_large_upload_test PRIVATE
-    quire_cli_core GTest::gtest GTest::gtest_main)
+    quire_cli_core quire_test_support GTest::gtest GTest::gtest_main)
   target_compile_definitions(quire_cli_large_upload_test PRIVATE
     QUIRE_BINARY="$<TARGET_FILE:quire_cli>"
     QUIRE_SERVER_BINARY="$<TARGET_FILE:quire-server>")

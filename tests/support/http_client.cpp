@@ -1,9 +1,9 @@
-#include "tests/tools/quire-server/http_client.h"
+#include "tests/support/http_client.h"
 
 #include <openssl/evp.h>
 #include <strings.h>
 
-namespace quire_test::server {
+namespace quire_test {
 namespace {
 
 std::size_t CollectBody(char* data, std::size_t size, std::size_t count, void* user) {
@@ -110,4 +110,4 @@ std::string Sha256Hex(const std::string& bytes) {
   return text;
 }
 
-}  // namespace quire_test::server
+}  // namespace quire_test

@@ -1,4 +1,4 @@
-#include "tests/tools/quire/process_runner.h"
+#include "tests/support/process_runner.h"
 
 #include <fcntl.h>
 #include <poll.h>
@@ -17,7 +17,7 @@
 
 extern char** environ;
 
-namespace quire_test::cli {
+namespace quire_test {
 namespace {
 
 std::string ReadFile(const std::string& path) {
@@ -147,4 +147,4 @@ ProcessResult ProcessRunner::Run(const std::vector<std::string>& args, double ti
   return Wait(&child, timeout_seconds);
 }
 
-}  // namespace quire_test::cli
+}  // namespace quire_test

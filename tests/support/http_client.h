@@ -12,7 +12,7 @@
 #include <utility>
 #include <vector>
 
-namespace quire_test::server {
+namespace quire_test {
 
 struct HttpResult {
   // The transport's outcome; the fields below are meaningful when it is CURLE_OK.
@@ -56,4 +56,4 @@ class HttpClient {
 // Lower-case hexadecimal SHA-256 of the bytes.
 std::string Sha256Hex(const std::string& bytes);
 
-}  // namespace quire_test::server
+}  // namespace quire_test

@@ -1,11 +1,11 @@
-#include "tests/tools/quire-server/atom_view.h"
+#include "tests/support/atom_view.h"
 
 #include <cstring>
 #include <pugixml.hpp>
 
 #include "quire/model/link_relations.h"
 
-namespace quire_test::server {
+namespace quire_test {
 namespace {
 
 namespace q = kestrel::quire;
@@ -118,4 +118,4 @@ std::string AtomView::IdOf(const EntryView& entry) {
   return slash == std::string::npos ? std::string() : entry.edit.substr(slash + 1);
 }
 
-}  // namespace quire_test::server
+}  // namespace quire_test

@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-namespace quire_test::cli {
+namespace quire_test {
 
 struct ProcessResult {
   // The exit status, 128 + the signal for a process ended by a signal, -1 when it timed out.
@@ -54,4 +54,4 @@ class ProcessRunner {
   int runs_ = 0;
 };
 
-}  // namespace quire_test::cli
+}  // namespace quire_test

@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-namespace quire_test::server {
+namespace quire_test {
 
 struct EntryView {
   bool parsed = false;
@@ -65,4 +65,4 @@ class AtomView {
   static std::string IdOf(const EntryView& entry);
 };
 
-}  // namespace quire_test::server
+}  // namespace quire_test
