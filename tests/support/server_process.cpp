@@ -19,6 +19,24 @@ namespace {
 constexpr int kStartTimeoutMs = 30000;
 constexpr int kStopTimeoutMs = 15000;
 
+// Appends what `fd` gives to `*text` until `enough` holds for it, the stream ends, or `timeout_ms`
+// have passed.
+void ReadFor(int fd, int timeout_ms, std::string* text, bool (*enough)(const std::string&)) {
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
+  while (!enough(*text)) {
+    const int left = static_cast<int>(std::chrono::duration_cast<std::chrono::milliseconds>(
+                                          deadline - std::chrono::steady_clock::now())
+                                          .count());
+    if (left <= 0) break;
+    pollfd p{fd, POLLIN, 0};
+    if (::poll(&p, 1, left) <= 0) continue;
+    char buffer[256];
+    const ssize_t n = ::read(fd, buffer, sizeof(buffer));
+    if (n <= 0) break;
+    text->append(buffer, static_cast<std::size_t>(n));
+  }
+}
+
 }  // namespace
 
 ServerProcess::ServerProcess(const std::vector<std::string>& args,
@@ -76,20 +94,9 @@ ServerProcess::ServerProcess(const std::vector<std::string>& args,
   stdout_fd_ = out[0];
   stderr_fd_ = err[0];
 
-  auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(kStartTimeoutMs);
   std::string line;
-  while (line.find('\n') == std::string::npos) {
-    int left = static_cast<int>(std::chrono::duration_cast<std::chrono::milliseconds>(
-                                    deadline - std::chrono::steady_clock::now())
-                                    .count());
-    if (left <= 0) break;
-    pollfd p{stdout_fd_, POLLIN, 0};
-    if (::poll(&p, 1, left) <= 0) continue;
-    char buffer[256];
-    ssize_t n = ::read(stdout_fd_, buffer, sizeof(buffer));
-    if (n <= 0) break;
-    line.append(buffer, static_cast<std::size_t>(n));
-  }
+  ReadFor(stdout_fd_, kStartTimeoutMs, &line,
+          [](const std::string& text) { return text.find('\n') != std::string::npos; });
   first_line_ = line.substr(0, line.find('\n'));
   const std::string prefix = "quire-server listening on ";
   if (first_line_.compare(0, prefix.size(), prefix) == 0) {
@@ -123,19 +130,7 @@ int ServerProcess::WaitForExit(int timeout_ms) { return Reap(timeout_ms); }
 std::string ServerProcess::ErrorOutput(int timeout_ms) {
   std::string text;
   if (stderr_fd_ < 0) return text;
-  auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
-  while (true) {
-    int left = static_cast<int>(std::chrono::duration_cast<std::chrono::milliseconds>(
-                                    deadline - std::chrono::steady_clock::now())
-                                    .count());
-    if (left <= 0) break;
-    pollfd p{stderr_fd_, POLLIN, 0};
-    if (::poll(&p, 1, left) <= 0) continue;
-    char buffer[256];
-    ssize_t n = ::read(stderr_fd_, buffer, sizeof(buffer));
-    if (n <= 0) break;
-    text.append(buffer, static_cast<std::size_t>(n));
-  }
+  ReadFor(stderr_fd_, timeout_ms, &text, [](const std::string&) { return false; });
   return text;
 }
 

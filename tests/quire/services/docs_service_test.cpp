@@ -10,6 +10,7 @@
 #include "tests/support/guard_death_test.h"
 #include "tests/support/test_support.h"
 
+namespace quire_test::services {
 namespace {
 
 using kestrel::quire::DeleteCallback;
@@ -20,10 +21,6 @@ using kestrel::quire::EntryCallback;
 using kestrel::quire::FeedCallback;
 using kestrel::quire::NetworkResponseInfo;
 using kestrel::quire::ResponseCallback;
-using quire_test::Answer;
-using quire_test::ConnectionLog;
-using quire_test::RecordedRequest;
-using quire_test::RecordingConnection;
 
 // What a feed or entry callback saw, copied while it ran.
 struct FeedCall {
@@ -520,3 +517,5 @@ TEST_F(DocsServiceTest, IssuingWithAnEmptyCallbackDoesNotAbortBeforeTheAnswer) {
 }
 
 }  // namespace
+
+}  // namespace quire_test::services

@@ -13,6 +13,7 @@
 #include "tests/quire/services/recording_connection.h"
 #include "tests/support/test_support.h"
 
+namespace quire_test::services {
 namespace {
 
 using kestrel::quire::ConnectionParams;
@@ -23,10 +24,6 @@ using kestrel::quire::NetworkResponseInfo;
 using kestrel::quire::OAuthSigners;
 using kestrel::quire::Service;
 using kestrel::quire::UserInfoService;
-using quire_test::ConnectionLog;
-using quire_test::Http;
-using quire_test::Lines;
-using quire_test::RecordingConnection;
 
 const std::vector<QString> kVersionLine = {QStringLiteral("Quire-Version: 3.0")};
 
@@ -288,3 +285,5 @@ TEST_F(ServiceTest, OAuthSignersIsAnEmptyPolymorphicClass) {
 }
 
 }  // namespace
+
+}  // namespace quire_test::services

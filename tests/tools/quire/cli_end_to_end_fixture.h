@@ -13,6 +13,7 @@
 #include <QJsonObject>
 #include <QTemporaryDir>
 #include <QUrl>
+#include <iostream>
 #include <memory>
 #include <string>
 #include <vector>
@@ -67,6 +68,22 @@ inline long long ContinuedAt(const std::string& out) {
   while (end < out.size() && out[end] >= '0' && out[end] <= '9') ++end;
   if (end == at + key.size() || end >= out.size() || out[end] != ',') return -1;
   return std::stoll(out.substr(at + key.size(), end - at - key.size()));
+}
+
+// Checks what "quire upload --resume" printed after the upload of `bytes` titled `title` had
+// stopped part way: that it ended well, having continued after the start and before the end, and
+// held every byte. Prints its output after `label`. A fatal failure ends the check at once.
+inline void CheckResumed(const ProcessResult& result, const std::string& title,
+                         const QByteArray& bytes, const char* label) {
+  ASSERT_EQ(result.exit_code, 0) << result.err;
+  EXPECT_NE(result.out.find("uploaded \"" + title + "\""), std::string::npos) << result.out;
+  const long long continued = ContinuedAt(result.out);
+  EXPECT_GT(continued, 0) << result.out;
+  EXPECT_LT(continued, bytes.size()) << result.out;
+  EXPECT_NE(result.out.find(", " + std::to_string(bytes.size()) + " bytes held after "),
+            std::string::npos)
+      << result.out;
+  std::cout << label << ": " << result.out;
 }
 
 class CliEndToEndTest : public ::testing::Test {
