@@ -6,6 +6,8 @@
 #include <cstdint>
 #include <cstring>
 
+#include <QByteArray>
+
 namespace quire_test {
 
 // The pattern is made and checked on memory that only the calling thread touches; leaving it out of
@@ -71,6 +73,14 @@ QUIRE_TEST_PATTERN_FAST inline std::size_t FindPatternMismatch(const char* data,
     ++i;
   }
   return length;
+}
+
+// `size` bytes of the pattern's stream numbered `seed`: different at every position, and different
+// between seeds.
+inline QByteArray PatternBytes(long long size, std::uint64_t seed = 0) {
+  QByteArray bytes(static_cast<int>(size), Qt::Uninitialized);
+  FillPattern(bytes.data(), PatternStream(seed), static_cast<std::size_t>(size));
+  return bytes;
 }
 
 }  // namespace quire_test

@@ -18,8 +18,11 @@
 #include "tests/hardening/fault_emulator.h"
 #include "tests/hardening/library_client.h"
 #include "tests/quire/qt/qt_test_app.h"
+#include "tests/support/data_pattern.h"
 
 namespace {
+
+using quire_test::PatternBytes;
 
 using kestrel::quire::DocsEntry;
 using kestrel::quire::DocsFeed;
@@ -27,12 +30,6 @@ using kestrel::quire::NetworkResponseInfo;
 using kestrel::quire::QtEventLoopDriver;
 using quire_test::hardening::LibraryClient;
 using quire_test::qt::RunQtLoop;
-
-QByteArray Pattern(int size, int seed) {
-  QByteArray bytes(size, '\0');
-  for (int i = 0; i < size; ++i) bytes[i] = static_cast<char>((i * 131 + seed * 7) & 0xff);
-  return bytes;
-}
 
 class QtEmulatorTest : public ::testing::Test {
  protected:
@@ -70,7 +67,7 @@ TEST_F(QtEmulatorTest, CallbacksArriveInQtsLoopAndChainedOperationsProceed) {
   int feed_status = -1;
   std::vector<QString> titles;
   bool done = false;
-  const QByteArray data = Pattern(1024 * 1024 + 17, 3);  // 17 chunks of 64 KiB
+  const QByteArray data = PatternBytes(1024 * 1024 + 17, 3);  // 17 chunks of 64 KiB
 
   // One chain, each step issued from the callback of the one before, as a desktop host does it.
   client_->user_info().GetUserEmail([&](NetworkResponseInfo info, QString address) {
@@ -78,7 +75,7 @@ TEST_F(QtEmulatorTest, CallbacksArriveInQtsLoopAndChainedOperationsProceed) {
     if (info.status == 0) email = address;
     client_->docs().CreateEntryWithContent(
         QUrl(QString::fromLatin1(kestrel::quire::DocsFeedUrl)), QStringLiteral("small"),
-        QStringLiteral("text/plain"), Pattern(1000, 1),
+        QStringLiteral("text/plain"), PatternBytes(1000, 1),
         [&](NetworkResponseInfo created, const DocsEntry&) {
           all_on_main_thread &= std::this_thread::get_id() == main_thread;
           create_status = created.status;

@@ -26,11 +26,12 @@
 
 namespace {
 
+using quire_test::PatternBytes;
+
 using quire_test::ProcessResult;
 using quire_test::ProcessRunner;
 using quire_test::cli::kToken;
 using quire_test::cli::LastLine;
-using quire_test::cli::Pattern;
 
 QByteArray Sha256(const QByteArray& bytes) {
   return QCryptographicHash::hash(bytes, QCryptographicHash::Sha256).toHex();
@@ -70,7 +71,7 @@ class CliDownloadTest : public quire_test::cli::CliEndToEndTest {
 };
 
 TEST_F(CliDownloadTest, GetReplacesAnExistingFileOnlyWhenComplete) {
-  const QByteArray content = Pattern(3 * 1024 * 1024 + 11, 1);
+  const QByteArray content = PatternBytes(3 * 1024 * 1024 + 11, 1);
   Put("Doc", content);
   const QString target = Path("out/doc.bin");
   {
@@ -86,7 +87,7 @@ TEST_F(CliDownloadTest, GetReplacesAnExistingFileOnlyWhenComplete) {
 }
 
 TEST_F(CliDownloadTest, StandardOutputStreamsTheBytes) {
-  const QByteArray content = Pattern(700 * 1024, 2);
+  const QByteArray content = PatternBytes(700 * 1024, 2);
   Put("Streamed", content);
   const ProcessResult result = Quire({"get", "Streamed"});
   ASSERT_EQ(result.exit_code, 0) << result.err;
@@ -94,7 +95,7 @@ TEST_F(CliDownloadTest, StandardOutputStreamsTheBytes) {
 }
 
 TEST_F(CliDownloadTest, ProgressBarShowsRateAndTimeLeftOnATerminal) {
-  Put("Bar", Pattern(2 * 1024 * 1024, 3));
+  Put("Bar", PatternBytes(2 * 1024 * 1024, 3));
   const ProcessResult result =
       Quire({"get", "Bar", "-o", Path("out/bar.bin").toStdString()}, /*terminal=*/true);
   ASSERT_EQ(result.exit_code, 0) << result.err;
@@ -104,7 +105,7 @@ TEST_F(CliDownloadTest, ProgressBarShowsRateAndTimeLeftOnATerminal) {
 // The emulator cuts every answer after N bytes (head included): each request brings a little of
 // the body, and the download resumes from what it wrote until the content is whole.
 TEST_F(CliDownloadTest, AnswersCutMidBodyAtSeveralOffsetsCompleteWithIdenticalBytes) {
-  const QByteArray content = Pattern(400 * 1024 + 3, 4);
+  const QByteArray content = PatternBytes(400 * 1024 + 3, 4);
   Put("Cut", content);
   for (int cut : {6000, 65536, 150001}) {
     SCOPED_TRACE(cut);
@@ -119,7 +120,7 @@ TEST_F(CliDownloadTest, AnswersCutMidBodyAtSeveralOffsetsCompleteWithIdenticalBy
 }
 
 TEST_F(CliDownloadTest, KilledRunContinuesWithOnlyTheMissingBytes) {
-  const QByteArray content = Pattern(1024 * 1024, 5);
+  const QByteArray content = PatternBytes(1024 * 1024, 5);
   Put("Killed", content);
   // Slow, small answers, so that the run can be killed in the middle.
   StartServer({QStringLiteral("--fault-close-response-after"), QStringLiteral("40000"),
@@ -148,7 +149,7 @@ TEST_F(CliDownloadTest, KilledRunContinuesWithOnlyTheMissingBytes) {
 }
 
 TEST_F(CliDownloadTest, CtrlCStopsWithExitCode130AndSaysHowToContinue) {
-  const QByteArray content = Pattern(1024 * 1024, 10);
+  const QByteArray content = PatternBytes(1024 * 1024, 10);
   Put("Interrupted", content);
   StartServer({QStringLiteral("--fault-close-response-after"), QStringLiteral("40000"),
                QStringLiteral("--fault-delay-ms"), QStringLiteral("40")});
@@ -175,13 +176,13 @@ TEST_F(CliDownloadTest, CtrlCStopsWithExitCode130AndSaysHowToContinue) {
 }
 
 TEST_F(CliDownloadTest, ContinueOfAPartOfAChangedDocumentStartsOver) {
-  Put("Changing", Pattern(300000, 6));
+  Put("Changing", PatternBytes(300000, 6));
   const QString target = Path("out/changing.bin");
   const QString part = target + QStringLiteral(".part");
   {
     QFile stale(part);
     ASSERT_TRUE(stale.open(QIODevice::WriteOnly));
-    stale.write(Pattern(100000, 99));
+    stale.write(PatternBytes(100000, 99));
   }
   // The part says it belongs to a version the service no longer has.
   const char kStale[] = "\"stale\"";
@@ -191,13 +192,13 @@ TEST_F(CliDownloadTest, ContinueOfAPartOfAChangedDocumentStartsOver) {
   const ProcessResult result = Quire({"get", "Changing", "-o", target.toStdString(), "--continue"});
   ASSERT_EQ(result.exit_code, 0) << result.err;
   EXPECT_EQ(result.out.find("reused"), std::string::npos) << result.out;
-  EXPECT_EQ(Read(target), Pattern(300000, 6));
+  EXPECT_EQ(Read(target), PatternBytes(300000, 6));
 }
 
 // A disk that fills up (here: a file-size limit, which fails writes the same way): one line, exit
 // 1, the part kept for --continue, which then finishes it.
 TEST_F(CliDownloadTest, AFullDiskKeepsTheResumablePartAndContinueFinishesIt) {
-  const QByteArray content = Pattern(3 * 1024 * 1024, 8);
+  const QByteArray content = PatternBytes(3 * 1024 * 1024, 8);
   Put("Big", content);
   const QString target = Path("out/big.bin");
   const QString part = target + QStringLiteral(".part");
@@ -227,7 +228,7 @@ TEST_F(CliDownloadTest, AFullDiskKeepsTheResumablePartAndContinueFinishesIt) {
 }
 
 TEST_F(CliDownloadTest, AFolderAsOutputIsAUsageError) {
-  Put("Any", Pattern(100, 7));
+  Put("Any", PatternBytes(100, 7));
   const ProcessResult result = Quire({"get", "Any", "-o", Path("out").toStdString()});
   EXPECT_EQ(result.exit_code, 2) << result.err;
   EXPECT_NE(LastLine(result.err).find("names a folder"), std::string::npos) << result.err;
@@ -235,7 +236,7 @@ TEST_F(CliDownloadTest, AFolderAsOutputIsAUsageError) {
 }
 
 TEST_F(CliDownloadTest, AnUnwritableOrMissingFolderIsALocalFailureWithoutAPartFile) {
-  Put("Any", Pattern(100, 7));
+  Put("Any", PatternBytes(100, 7));
   ProcessResult result = Quire({"get", "Any", "-o", Path("missing/doc.bin").toStdString()});
   EXPECT_EQ(result.exit_code, 1) << result.err;
   EXPECT_NE(LastLine(result.err).find("does not exist"), std::string::npos) << result.err;

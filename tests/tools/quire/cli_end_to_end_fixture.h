@@ -19,6 +19,7 @@
 #include <vector>
 
 #include "quire/services/endpoints.h"
+#include "tests/support/data_pattern.h"
 #include "tests/support/http_client.h"
 #include "tests/support/process_runner.h"
 #include "tools/quire/server_process.h"
@@ -29,18 +30,6 @@ using quire_cli::ServerProcess;
 
 inline constexpr char kAccount[] = "e2e@quire.example";
 inline constexpr char kToken[] = "e2e-token-0f1e2d3c4b5a69788796a5b4c3d2e1f0";
-
-inline QByteArray Pattern(std::int64_t size, std::uint64_t seed) {
-  QByteArray bytes(static_cast<int>(size), Qt::Uninitialized);
-  std::uint64_t state = seed | 1;
-  for (std::int64_t i = 0; i < size; ++i) {
-    state ^= state << 13;
-    state ^= state >> 7;
-    state ^= state << 17;
-    bytes[static_cast<int>(i)] = static_cast<char>(state);
-  }
-  return bytes;
-}
 
 inline QJsonArray ParseList(const ProcessResult& result) {
   QJsonParseError error{};

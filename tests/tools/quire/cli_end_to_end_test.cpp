@@ -45,7 +45,7 @@ TEST_F(CliEndToEndTest, HelpAndVersionExitWithZero) {
 }
 
 TEST_F(CliEndToEndTest, PutListGetReplaceAndRemoveWorkOnTheWire) {
-  const QByteArray first = Pattern(100 * 1024 + 7, 1);
+  const QByteArray first = PatternBytes(100 * 1024 + 7, 1);
   ProcessResult result = Quire({"put", Write("first.bin", first)});
   ASSERT_EQ(result.exit_code, 0) << result.err;
   EXPECT_EQ(result.out.rfind("created \"Untitled\" (id ", 0), 0u) << result.out;
@@ -73,7 +73,7 @@ TEST_F(CliEndToEndTest, PutListGetReplaceAndRemoveWorkOnTheWire) {
   EXPECT_EQ(result.exit_code, 0) << result.err;
   EXPECT_EQ(QByteArray::fromStdString(result.out), first);
 
-  const QByteArray second = Pattern(5000, 2);
+  const QByteArray second = PatternBytes(5000, 2);
   result = Quire({"replace", id, Write("second.bin", second)});
   EXPECT_EQ(result.exit_code, 0) << result.err;
   EXPECT_EQ(Get(id), second);
@@ -90,7 +90,7 @@ TEST_F(CliEndToEndTest, PutListGetReplaceAndRemoveWorkOnTheWire) {
 }
 
 TEST_F(CliEndToEndTest, UploadCreatesANamedDocumentWithTheExactBytes) {
-  const QByteArray bytes = Pattern(3 * 1024 * 1024 + 123, 3);
+  const QByteArray bytes = PatternBytes(3 * 1024 * 1024 + 123, 3);
   const ProcessResult result = Quire({"upload", Write("notes.txt", bytes), "--title", "Field notes",
                                       "--type", "text/markdown", "--chunk-size", "1MiB"});
   ASSERT_EQ(result.exit_code, 0) << result.err;
@@ -108,8 +108,8 @@ TEST_F(CliEndToEndTest, UploadCreatesANamedDocumentWithTheExactBytes) {
 }
 
 TEST_F(CliEndToEndTest, UploadToReplacesADocumentsContent) {
-  ASSERT_EQ(Quire({"upload", Write("a.txt", Pattern(1000, 4)), "--title", "A"}).exit_code, 0);
-  const QByteArray bytes = Pattern(300 * 1024, 5);
+  ASSERT_EQ(Quire({"upload", Write("a.txt", PatternBytes(1000, 4)), "--title", "A"}).exit_code, 0);
+  const QByteArray bytes = PatternBytes(300 * 1024, 5);
   const ProcessResult result =
       Quire({"upload", Write("b.bin", bytes), "--to", "A", "--chunk-size", "64KiB"});
   ASSERT_EQ(result.exit_code, 0) << result.err;
@@ -120,7 +120,7 @@ TEST_F(CliEndToEndTest, UploadToReplacesADocumentsContent) {
 }
 
 TEST_F(CliEndToEndTest, TheProgressBarShowsOnATerminalOnly) {
-  const std::string file = Write("p.bin", Pattern(2 * 1024 * 1024, 6));
+  const std::string file = Write("p.bin", PatternBytes(2 * 1024 * 1024, 6));
   ProcessResult result = Quire({"upload", file, "--chunk-size", "256KiB"}, true);
   ASSERT_EQ(result.exit_code, 0) << result.err;
   EXPECT_NE(result.err.find("\r["), std::string::npos) << result.err;
@@ -254,13 +254,13 @@ TEST_F(CliEndToEndTest, EmulatorFaultsEndInTheirClasses) {
   EXPECT_LT(result.seconds, 2.9);
 
   StartServer({QStringLiteral("--fault-308-without-range")});
-  result = Quire({"upload", Write("r.bin", Pattern(100000, 7)), "--chunk-size", "40000"});
+  result = Quire({"upload", Write("r.bin", PatternBytes(100000, 7)), "--chunk-size", "40000"});
   EXPECT_EQ(result.exit_code, 8) << result.err;
   EXPECT_NE(result.err.find("HTTP 308"), std::string::npos) << result.err;
 }
 
 TEST_F(CliEndToEndTest, AnUploadCutByTheServerFinishesWithResumeByteExact) {
-  const QByteArray bytes = Pattern(5 * 1024 * 1024 + 17, 8);
+  const QByteArray bytes = PatternBytes(5 * 1024 * 1024 + 17, 8);
   const std::string file = Write("cut.bin", bytes);
   // Every request that carries more than 1.5 MiB is cut off: the second chunk never arrives.
   StartServer({QStringLiteral("--fault-close-request-after"), QString::number(1536 * 1024)});
@@ -283,7 +283,7 @@ TEST_F(CliEndToEndTest, AnUploadCutByTheServerFinishesWithResumeByteExact) {
 }
 
 TEST_F(CliEndToEndTest, AnUploadStoppedWithCtrlCFinishesWithResumeByteExact) {
-  const QByteArray bytes = Pattern(4 * 1024 * 1024, 9);
+  const QByteArray bytes = PatternBytes(4 * 1024 * 1024, 9);
   const std::string file = Write("slow.bin", bytes);
   StartServer({QStringLiteral("--fault-delay-ms"), QStringLiteral("150")});
   std::vector<std::string> args = Global();

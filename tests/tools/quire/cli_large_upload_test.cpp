@@ -58,7 +58,7 @@ TEST_F(CliLargeUploadTest, AFileOfFiveGibibytesUploadsWithEveryByteInPlace) {
     // and at the end; the rest reads as zeros.
     for (std::int64_t at : {std::int64_t{0}, 2 * kGiB - 3, 4 * kGiB - 3, 5 * kGiB - 6}) {
       ASSERT_TRUE(file.seek(at));
-      const QByteArray mark = Pattern(6, static_cast<std::uint64_t>(at) + 1);
+      const QByteArray mark = PatternBytes(6, static_cast<std::uint64_t>(at) + 1);
       ASSERT_EQ(file.write(mark), mark.size());
     }
   }

@@ -27,7 +27,7 @@ QStringList RandomFaults(const char* fail_percent, const char* cut_percent, cons
 }
 
 TEST_F(CliRetryTest, AFiftyMegabyteUploadUnderOneFailureInFourFinishesUnattended) {
-  const QByteArray bytes = Pattern(50 * 1000 * 1000, 41);
+  const QByteArray bytes = PatternBytes(50 * 1000 * 1000, 41);
   const std::string file = Write("fifty.bin", bytes);
   StartServer(RandomFaults("25", "0", "13"));
   const ProcessResult result =
@@ -43,7 +43,7 @@ TEST_F(CliRetryTest, AFiftyMegabyteUploadUnderOneFailureInFourFinishesUnattended
 }
 
 TEST_F(CliRetryTest, AnUploadWhoseConnectionsAreCutGoesOnFromWhatTheServiceHolds) {
-  const QByteArray bytes = Pattern(12 * 1024 * 1024 + 5, 42);
+  const QByteArray bytes = PatternBytes(12 * 1024 * 1024 + 5, 42);
   const std::string file = Write("cut.bin", bytes);
   StartServer(RandomFaults("0", "30", "5"));
   const ProcessResult result =
@@ -56,7 +56,7 @@ TEST_F(CliRetryTest, AnUploadWhoseConnectionsAreCutGoesOnFromWhatTheServiceHolds
 
 TEST_F(CliRetryTest, EveryCommandRetriesAndSaysSo) {
   // Seeded: the first requests of this run meet 503s, and every command still succeeds.
-  const QByteArray bytes = Pattern(70000, 43);
+  const QByteArray bytes = PatternBytes(70000, 43);
   ProcessResult result = Quire({"put", Write("small.bin", bytes)});
   ASSERT_EQ(result.exit_code, 0) << result.err;
   StartServer(RandomFaults("50", "0", "21"));
@@ -93,7 +93,7 @@ TEST_F(CliRetryTest, RetriesZeroGivesUpAtTheFirstFailureAndBoundedRetriesSayHowM
 }
 
 TEST_F(CliRetryTest, CtrlCInTheMiddleOfAnUploadCancelsItAndResumeCompletesIt) {
-  const QByteArray bytes = Pattern(6 * 1024 * 1024, 44);
+  const QByteArray bytes = PatternBytes(6 * 1024 * 1024, 44);
   const std::string file = Write("stopped.bin", bytes);
   // Slow answers keep the upload going long enough to be interrupted in the middle.
   StartServer({QStringLiteral("--fault-delay-ms"), QStringLiteral("150")});

@@ -18,11 +18,14 @@
 
 #include "kestrel/net/network_status.h"
 #include "quire/model/link_relations.h"
+#include "tests/support/data_pattern.h"
 #include "tests/support/test_support.h"
 #include "tools/quire/cli_failure.h"
 #include "tools/quire/upload_state.h"
 
 namespace {
+
+using quire_test::PatternBytes;
 
 using kestrel::net::HttpRequest;
 using kestrel::net::ScriptedTransport;
@@ -539,14 +542,8 @@ TEST_F(CommandLineTest, RmOfADocumentThatIsGoneIsNotFound) {
   EXPECT_EQ(Run({"rm", "Notes"}).code, 5);
 }
 
-QByteArray Pattern(int size) {
-  QByteArray bytes(size, Qt::Uninitialized);
-  for (int i = 0; i < size; ++i) bytes[i] = static_cast<char>(i * 7 + 3);
-  return bytes;
-}
-
 TEST_F(CommandLineTest, UploadSendsTheFileInChunksAndForgetsItsStateWhenDone) {
-  const QByteArray bytes = Pattern(25);
+  const QByteArray bytes = PatternBytes(25);
   const QString file = Write(QStringLiteral("notes.txt"), bytes);
   Enqueue(Http(200), Feed({}));
   Enqueue(Http(200), QByteArray(), {QStringLiteral("Location: ") + kSession});
@@ -581,7 +578,7 @@ TEST_F(CommandLineTest, UploadSendsTheFileInChunksAndForgetsItsStateWhenDone) {
 
 TEST_F(CommandLineTest, OnATerminalUploadShowsProgress) {
   terminal_ = true;
-  const QString file = Write(QStringLiteral("p.bin"), Pattern(25));
+  const QString file = Write(QStringLiteral("p.bin"), PatternBytes(25));
   Enqueue(Http(200), Feed({}));
   Enqueue(Http(200), QByteArray(), {QStringLiteral("Location: ") + kSession});
   Enqueue(Http(308), QByteArray(), {QStringLiteral("Range: bytes=0-9")});
@@ -601,7 +598,7 @@ TEST_F(CommandLineTest, OnATerminalUploadShowsProgress) {
 }
 
 TEST_F(CommandLineTest, AnInterruptedUploadKeepsItsStateAndContinuesWithResume) {
-  const QByteArray bytes = Pattern(25);
+  const QByteArray bytes = PatternBytes(25);
   const QString file = Write(QStringLiteral("big.bin"), bytes);
   Enqueue(Http(200), Feed({}));
   Enqueue(Http(200), QByteArray(), {QStringLiteral("Location: ") + kSession});
@@ -651,7 +648,7 @@ TEST_F(CommandLineTest, AnInterruptedUploadKeepsItsStateAndContinuesWithResume) 
 }
 
 TEST_F(CommandLineTest, ResumeOfASessionThatHoldsNothingStartsAtZero) {
-  const QString file = Write(QStringLiteral("z.bin"), Pattern(5));
+  const QString file = Write(QStringLiteral("z.bin"), PatternBytes(5));
   quire_cli::UploadState state;
   state.session_url = kSession;
   state.file_path = file;
@@ -670,7 +667,7 @@ TEST_F(CommandLineTest, ResumeOfASessionThatHoldsNothingStartsAtZero) {
 }
 
 TEST_F(CommandLineTest, ResumeOfAnUploadThatHadFinishedReportsTheDocument) {
-  const QString file = Write(QStringLiteral("done.bin"), Pattern(5));
+  const QString file = Write(QStringLiteral("done.bin"), PatternBytes(5));
   quire_cli::UploadState state;
   state.session_url = kSession;
   state.file_path = file;
@@ -688,7 +685,7 @@ TEST_F(CommandLineTest, ResumeOfAnUploadThatHadFinishedReportsTheDocument) {
 }
 
 TEST_F(CommandLineTest, ResumeRefusesAFileThatChangedAndForgetsTheState) {
-  const QString file = Write(QStringLiteral("c.bin"), Pattern(25));
+  const QString file = Write(QStringLiteral("c.bin"), PatternBytes(25));
   quire_cli::UploadState state;
   state.session_url = kSession;
   state.file_path = file;
@@ -710,7 +707,7 @@ TEST_F(CommandLineTest, ResumeWithoutAnInterruptedUploadIsAUsageFailure) {
 }
 
 TEST_F(CommandLineTest, ResumeOfASessionThatIsGoneIsNotFoundAndForgetsTheState) {
-  const QString file = Write(QStringLiteral("g.bin"), Pattern(5));
+  const QString file = Write(QStringLiteral("g.bin"), PatternBytes(5));
   quire_cli::UploadState state;
   state.session_url = kSession;
   state.file_path = file;
@@ -726,7 +723,7 @@ TEST_F(CommandLineTest, ResumeOfASessionThatIsGoneIsNotFoundAndForgetsTheState) 
 }
 
 TEST_F(CommandLineTest, AnUploadAnswerWithARangeBeyondTheDataIsUnreadable) {
-  const QString file = Write(QStringLiteral("r.bin"), Pattern(25));
+  const QString file = Write(QStringLiteral("r.bin"), PatternBytes(25));
   Enqueue(Http(200), Feed({}));
   Enqueue(Http(200), QByteArray(), {QStringLiteral("Location: ") + kSession});
   Enqueue(Http(308), QByteArray(), {QStringLiteral("Range: bytes=0-9")});
@@ -739,7 +736,7 @@ TEST_F(CommandLineTest, AnUploadAnswerWithARangeBeyondTheDataIsUnreadable) {
 }
 
 TEST_F(CommandLineTest, UploadToADocumentStartsAtItsResumableEditAddress) {
-  const QString file = Write(QStringLiteral("n.txt"), Pattern(5));
+  const QString file = Write(QStringLiteral("n.txt"), PatternBytes(5));
   Enqueue(Http(200), Feed(TwoDocs()));
   Enqueue(Http(200), QByteArray(), {QStringLiteral("Location: ") + kSession});
   Enqueue(Http(200),
@@ -801,7 +798,7 @@ TEST_F(CommandLineTest, RetriesMustBeACountFromZeroToAHundred) {
 }
 
 TEST_F(CommandLineTest, AnUploadGoesOnByItselfAfterAChunkFailedAndItsLastLineSaysSo) {
-  const QByteArray bytes = Pattern(25);
+  const QByteArray bytes = PatternBytes(25);
   const QString file = Write(QStringLiteral("retry.bin"), bytes);
   Enqueue(Http(200), Feed({}));
   Enqueue(Http(200), QByteArray(), {QStringLiteral("Location: ") + kSession});
@@ -839,7 +836,7 @@ TEST_F(CommandLineTest, UploadOfAnEmptyFileIsRefused) {
 }
 
 TEST_F(CommandLineTest, AnUploadThatFailsBeforeItsSessionOpensLeavesNoState) {
-  const QString file = Write(QStringLiteral("s.bin"), Pattern(5));
+  const QString file = Write(QStringLiteral("s.bin"), PatternBytes(5));
   Enqueue(Http(200), Feed({}));
   Enqueue(Http(503));
   const Result result =

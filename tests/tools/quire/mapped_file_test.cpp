@@ -9,22 +9,16 @@
 #include <fstream>
 #include <string>
 
+#include "tests/support/data_pattern.h"
 #include "tools/quire/cli_failure.h"
 
 namespace {
 
+using quire_test::PatternBytes;
+
 using quire_cli::CliFailure;
 using quire_cli::ExitCode;
 using quire_cli::MappedFile;
-
-QByteArray Pattern(int size) {
-  QByteArray bytes(size, Qt::Uninitialized);
-  for (int i = 0; i < size; ++i) {
-    const unsigned int u = static_cast<unsigned int>(i);
-    bytes[i] = static_cast<char>((u * 131u + u / 4096u) & 0xffu);
-  }
-  return bytes;
-}
 
 QString Write(const QTemporaryDir& dir, const QString& name, const QByteArray& bytes) {
   const QString path = dir.filePath(name);
@@ -74,7 +68,7 @@ CliFailure OpenFailure(const QString& path) {
 
 TEST(MappedFileTest, TheBytesAreTheFilesAndLiveInTheMappingNotTheHeap) {
   QTemporaryDir dir;
-  const QByteArray bytes = Pattern(3 * 4096 + 17);
+  const QByteArray bytes = PatternBytes(3 * 4096 + 17);
   MappedFile file(Write(dir, QStringLiteral("a.bin"), bytes));
   EXPECT_EQ(file.size(), bytes.size());
   EXPECT_EQ(file.data(), bytes);
@@ -97,7 +91,7 @@ TEST(MappedFileTest, TheBytesAreTheFilesAndLiveInTheMappingNotTheHeap) {
 
 TEST(MappedFileTest, CopiesShareTheMapping) {
   QTemporaryDir dir;
-  MappedFile file(Write(dir, QStringLiteral("b.bin"), Pattern(10000)));
+  MappedFile file(Write(dir, QStringLiteral("b.bin"), PatternBytes(10000)));
   const QByteArray copy = file.data();
   EXPECT_EQ(copy.constData(), file.data().constData());
 }
@@ -157,7 +151,7 @@ TEST(MappedFileTest, AFileJustBelowTheLimitIsMappedWhole) {
 TEST(MappedFileTest, ReleasedPagesLeaveTheResidentSetAndStayReadable) {
   QTemporaryDir dir;
   const int size = 32 * 1024 * 1024;
-  const QByteArray bytes = Pattern(size);
+  const QByteArray bytes = PatternBytes(size);
   MappedFile file(Write(dir, QStringLiteral("c.bin"), bytes));
   long sum = 0;
   for (int i = 0; i < size; i += 4096) sum += file.data().at(i);
