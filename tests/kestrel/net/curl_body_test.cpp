@@ -12,11 +12,6 @@
 namespace quire_test::curl {
 namespace {
 
-using kestrel::net::ConnectionManager;
-using kestrel::net::HttpRequest;
-using kestrel::net::NetworkRequest;
-using kestrel::net::ServerInfo;
-
 constexpr std::size_t kLarge = std::size_t{200} * 1024 * 1024;
 // How long a download or upload may take: generous, because under ThreadSanitizer, with another
 // test moving 200 MiB beside it, a 200 MiB body takes a while (the fixture's default is 20 s).

@@ -19,13 +19,7 @@
 namespace quire_test::curl {
 namespace {
 
-using kestrel::net::ConnectionManager;
-using kestrel::net::HttpRequest;
-using kestrel::net::NetworkRequest;
-using kestrel::net::ServerInfo;
 using kestrel::net::TransferProgress;
-namespace status = kestrel::net::status;
-using Reply = RawServer::Reply;
 
 // Records completion and every progress report; cancels its own request after the first report
 // when asked to.

@@ -17,12 +17,6 @@
 namespace quire_test::curl {
 namespace {
 
-using kestrel::net::ConnectionManager;
-using kestrel::net::HttpRequest;
-using kestrel::net::NetworkRequest;
-using kestrel::net::ServerInfo;
-using Reply = RawServer::Reply;
-
 class CurlConnectionTest : public CurlTest {};
 
 TEST_F(CurlConnectionTest, SequentialRequestsShareOneConnection) {

@@ -22,13 +22,6 @@
 namespace quire_test::curl {
 namespace {
 
-using kestrel::net::ConnectionManager;
-using kestrel::net::HttpRequest;
-using kestrel::net::NetworkRequest;
-using kestrel::net::ServerInfo;
-namespace status = kestrel::net::status;
-using Reply = RawServer::Reply;
-
 // A TCP socket on 127.0.0.1 that is bound (and, when `listen` is set, listening) but never accepts.
 class Socket {
  public:

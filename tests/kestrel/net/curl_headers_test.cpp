@@ -17,12 +17,7 @@
 namespace quire_test::curl {
 namespace {
 
-using kestrel::net::ConnectionManager;
-using kestrel::net::HttpRequest;
-using kestrel::net::NetworkRequest;
 using kestrel::net::RequestHeaderList;
-using kestrel::net::ServerInfo;
-using Reply = RawServer::Reply;
 
 class CurlHeadersTest : public CurlTest {
  protected:

@@ -17,11 +17,6 @@
 namespace quire_test::curl {
 namespace {
 
-namespace status = kestrel::net::status;
-using kestrel::net::ConnectionManager;
-using kestrel::net::HttpRequest;
-using kestrel::net::NetworkRequest;
-using kestrel::net::ServerInfo;
 using quire_test::ProxyServer;
 
 class CurlProxyTest : public CurlTest {

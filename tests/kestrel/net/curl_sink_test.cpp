@@ -17,11 +17,7 @@
 namespace quire_test::curl {
 namespace {
 
-using kestrel::net::ConnectionManager;
-using kestrel::net::HttpRequest;
-using kestrel::net::NetworkRequest;
 using kestrel::net::ResponseSink;
-using kestrel::net::ServerInfo;
 
 class CurlSinkTest : public CurlTest {
  protected:

@@ -14,11 +14,6 @@
 namespace quire_test::curl {
 namespace {
 
-using kestrel::net::ConnectionManager;
-using kestrel::net::HttpRequest;
-using kestrel::net::NetworkRequest;
-using kestrel::net::ServerInfo;
-
 class CurlStatusTest : public CurlTest {};
 
 struct StatusCase {

@@ -13,14 +13,26 @@
 #include <memory>
 #include <vector>
 
+#include "kestrel/net/connection_manager.h"
 #include "kestrel/net/curl_transport.h"
+#include "kestrel/net/http_request.h"
 #include "kestrel/net/network_request.h"
+#include "kestrel/net/network_status.h"
+#include "kestrel/net/server_info.h"
 #include "quire/connection/connection.h"
 #include "tests/kestrel/net/curl_test_server.h"
 #include "tests/support/raw_server.h"
 #include "tests/support/test_certificates.h"
 
 namespace quire_test::curl {
+
+// The network layer's names that the transport's tests use throughout.
+using kestrel::net::ConnectionManager;
+using kestrel::net::HttpRequest;
+using kestrel::net::NetworkRequest;
+using kestrel::net::ServerInfo;
+namespace status = kestrel::net::status;
+using Reply = RawServer::Reply;
 
 // What a Connection callback received.
 struct Outcome {

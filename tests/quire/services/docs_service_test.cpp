@@ -13,14 +13,7 @@
 namespace quire_test::services {
 namespace {
 
-using kestrel::quire::DeleteCallback;
-using kestrel::quire::DocsEntry;
-using kestrel::quire::DocsFeed;
-using kestrel::quire::DocsService;
-using kestrel::quire::EntryCallback;
-using kestrel::quire::FeedCallback;
-using kestrel::quire::NetworkResponseInfo;
-using kestrel::quire::ResponseCallback;
+using namespace kestrel::quire;  // NOLINT(build/namespaces): the services and their callbacks
 
 // What a feed or entry callback saw, copied while it ran.
 struct FeedCall {

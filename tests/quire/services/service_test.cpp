@@ -16,14 +16,7 @@
 namespace quire_test::services {
 namespace {
 
-using kestrel::quire::ConnectionParams;
-using kestrel::quire::DocsFeed;
-using kestrel::quire::DocsService;
-using kestrel::quire::IConnection;
-using kestrel::quire::NetworkResponseInfo;
-using kestrel::quire::OAuthSigners;
-using kestrel::quire::Service;
-using kestrel::quire::UserInfoService;
+using namespace kestrel::quire;  // NOLINT(build/namespaces): the services and their callbacks
 
 const std::vector<QString> kVersionLine = {QStringLiteral("Quire-Version: 3.0")};
 
