@@ -36,12 +36,7 @@
 namespace {
 
 using kestrel::MainLoop;
-using kestrel::quire::Connection;
-using kestrel::quire::ConnectionUtils;
-using kestrel::quire::DocsEntry;
-using kestrel::quire::DocsService;
-using kestrel::quire::NetworkResponseInfo;
-using kestrel::quire::QtEventLoopDriver;
+using namespace kestrel::quire;  // NOLINT(build/namespaces): the library's classes and statuses
 using quire_bench::Clock;
 using quire_bench::Median;
 using quire_bench::SecondsSince;

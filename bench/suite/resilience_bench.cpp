@@ -37,12 +37,7 @@
 
 namespace {
 
-using kestrel::quire::Connection;
-using kestrel::quire::DocsEntry;
-using kestrel::quire::DocsService;
-using kestrel::quire::NetworkResponseInfo;
-using kestrel::quire::ResumableUploader;
-using kestrel::quire::RetryPolicy;
+using namespace kestrel::quire;  // NOLINT(build/namespaces): the library's classes and statuses
 using quire_bench::Clock;
 using quire_bench::Row;
 using quire_bench::SecondsSince;

@@ -44,11 +44,7 @@
 
 namespace {
 
-using kestrel::quire::Connection;
-using kestrel::quire::ConnectionUtils;
-using kestrel::quire::DocsEntry;
-using kestrel::quire::DocsService;
-using kestrel::quire::NetworkResponseInfo;
+using namespace kestrel::quire;  // NOLINT(build/namespaces): the library's classes and statuses
 using quire_bench::Clock;
 using quire_bench::CurlTimes;
 using quire_bench::Row;

@@ -32,9 +32,7 @@ namespace {
 
 using kestrel::net::HttpRequest;
 using kestrel::net::ScriptedTransport;
-using kestrel::quire::Connection;
-using kestrel::quire::ConnectionUtils;
-using kestrel::quire::NetworkResponseInfo;
+using namespace kestrel::quire;  // NOLINT(build/namespaces): the library's classes and statuses
 using quire_bench::ResetPeakRss;
 using quire_bench::StatusKiB;
 

@@ -5,9 +5,7 @@
 namespace quire_test::hardening {
 namespace {
 
-using kestrel::quire::DocsEntry;
-using kestrel::quire::DocsFeed;
-using kestrel::quire::NetworkResponseInfo;
+using namespace kestrel::quire;  // NOLINT(build/namespaces): the library's classes and statuses
 
 void Record(const NetworkResponseInfo& info, Outcome* outcome) {
   ++outcome->calls;

@@ -24,9 +24,7 @@
 namespace quire_test::hardening {
 namespace {
 
-using kestrel::quire::NetworkResponseInfo;
-using kestrel::quire::ResumableUploader;
-using kestrel::quire::RetryPolicy;
+using namespace kestrel::quire;  // NOLINT(build/namespaces): the library's classes and statuses
 
 constexpr int kUploads = 20;
 constexpr std::int64_t kMaxSize = 64 << 20;

@@ -24,10 +24,7 @@ namespace {
 
 using quire_test::PatternBytes;
 
-using kestrel::quire::DocsEntry;
-using kestrel::quire::DocsFeed;
-using kestrel::quire::NetworkResponseInfo;
-using kestrel::quire::QtEventLoopDriver;
+using namespace kestrel::quire;  // NOLINT(build/namespaces): the library's classes and statuses
 using quire_test::hardening::LibraryClient;
 using quire_test::qt::RunQtLoop;
 

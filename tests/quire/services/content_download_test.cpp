@@ -17,16 +17,10 @@
 
 namespace {
 
-using quire_test::PatternBytes;
+using namespace quire_test;  // NOLINT(build/namespaces): the test support
 
 using kestrel::net::ScriptedTransport;
-using kestrel::quire::ContentDownload;
-using kestrel::quire::DocsService;
-using kestrel::quire::DownloadOptions;
-using kestrel::quire::DownloadOutcome;
-using kestrel::quire::DownloadResult;
-using kestrel::quire::DownloadTarget;
-using quire_test::Http;
+using namespace kestrel::quire;  // NOLINT(build/namespaces): the library's classes and statuses
 
 const char kUrl[] = "https://docs.quire.example/feeds/default/private/full/abc/content";
 

@@ -9,14 +9,8 @@
 
 namespace {
 
-using kestrel::quire::NetworkResponseInfo;
-using kestrel::quire::UserEmailCallback;
-using kestrel::quire::UserInfoService;
-using quire_test::Answer;
-using quire_test::ConnectionLog;
-using quire_test::Http;
-using quire_test::Lines;
-using quire_test::RecordingConnection;
+using namespace kestrel::quire;  // NOLINT(build/namespaces): the library's classes and statuses
+using namespace quire_test;      // NOLINT(build/namespaces): the test support
 
 struct EmailCall {
   NetworkResponseInfo info{};

@@ -18,13 +18,12 @@
 
 namespace {
 
-using quire_test::PatternBytes;
+using namespace quire_test;  // NOLINT(build/namespaces): the test support
 
 using kestrel::net::HttpRequest;
 using kestrel::net::ScriptedTransport;
 using kestrel::quire::Connection;
 using kestrel::quire::ConnectionUtils;
-using quire_test::Http;
 using quire_test::upload::Lines;
 using quire_test::upload::OutcomeRecorder;
 using quire_test::upload::S;

@@ -23,9 +23,7 @@ namespace {
 
 using quire_test::PatternBytes;
 
-using kestrel::quire::ConnectionUtils;
-using kestrel::quire::kMethodPost;
-using kestrel::quire::kMethodPut;
+using namespace kestrel::quire;  // NOLINT(build/namespaces): the library's classes and statuses
 using quire_test::upload::FakeConnection;
 using quire_test::upload::Lines;
 using quire_test::upload::OutcomeRecorder;

@@ -18,16 +18,9 @@
 
 namespace {
 
-using quire_test::PatternBytes;
+using namespace quire_test;  // NOLINT(build/namespaces): the test support
 
 using kestrel::MainLoop;
-using kestrel::quire::Connection;
-using kestrel::quire::NetworkResponseInfo;
-using kestrel::quire::ResumableUploader;
-using kestrel::quire::RetryPolicy;
-using quire_test::Http;
-using quire_test::Lines;
-using quire_test::ScriptedUploadSession;
 namespace net = kestrel::net::status;
 using namespace kestrel::quire;  // NOLINT: status constants
 

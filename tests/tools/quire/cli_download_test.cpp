@@ -26,10 +26,8 @@
 
 namespace {
 
-using quire_test::PatternBytes;
+using namespace quire_test;  // NOLINT(build/namespaces): the test support
 
-using quire_test::ProcessResult;
-using quire_test::ProcessRunner;
 using quire_test::cli::kToken;
 using quire_test::cli::LastLine;
 

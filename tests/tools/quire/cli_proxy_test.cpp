@@ -18,9 +18,7 @@
 namespace {
 
 using quire_cli::ServerProcess;
-using quire_test::ProcessResult;
-using quire_test::ProcessRunner;
-using quire_test::ProxyServer;
+using namespace quire_test;  // NOLINT(build/namespaces): the test support
 
 constexpr char kAccount[] = "proxy@quire.example";
 constexpr char kToken[] = "proxy-token-5a4b3c2d1e0f";

@@ -17,8 +17,7 @@
 namespace {
 
 using quire_cli::ServerProcess;
-using quire_test::ProcessResult;
-using quire_test::ProcessRunner;
+using namespace quire_test;  // NOLINT(build/namespaces): the test support
 
 constexpr char kToken[] = "e2e-settings-token-8a7b6c5d4e3f";
 

@@ -25,14 +25,13 @@
 
 namespace {
 
-using quire_test::PatternBytes;
+using namespace quire_test;  // NOLINT(build/namespaces): the test support
 
 using kestrel::net::HttpRequest;
 using kestrel::net::ScriptedTransport;
 using quire_cli::ClientOptions;
 using quire_cli::CommandLine;
 using quire_cli::HostEnvironment;
-using quire_test::Http;
 
 constexpr char kToken[] = "tok-5ecret-value";
 const QString kFeedUrl = QStringLiteral("https://docs.quire.example/feeds/default/private/full");

@@ -9,9 +9,7 @@
 
 namespace {
 
-using kestrel::quire::Connection;
-using kestrel::quire::ConnectionParams;
-using kestrel::quire::NetworkResponseInfo;
+using namespace kestrel::quire;  // NOLINT(build/namespaces): the library's classes and statuses
 using quire_cli::ExitCode;
 using quire_cli::FailureClassifier;
 using quire_cli::NetworkDiagnostics;
