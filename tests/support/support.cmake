@@ -9,21 +9,14 @@ find_package(OpenSSL REQUIRED)
 find_package(pugixml REQUIRED)
 find_package(Threads REQUIRED)
 
-add_library(quire_test_support STATIC
-  ${CMAKE_CURRENT_LIST_DIR}/atom_view.cpp
-  ${CMAKE_CURRENT_LIST_DIR}/http_client.cpp
-  ${CMAKE_CURRENT_LIST_DIR}/process_runner.cpp
-  ${CMAKE_CURRENT_LIST_DIR}/proxy_server.cpp
-  ${CMAKE_CURRENT_LIST_DIR}/raw_server.cpp
-  ${CMAKE_CURRENT_LIST_DIR}/socket_stream.cpp
-  ${CMAKE_CURRENT_LIST_DIR}/tcp_listener.cpp
-  ${CMAKE_CURRENT_LIST_DIR}/temp_dir.cpp
-  ${CMAKE_CURRENT_LIST_DIR}/test_certificates.cpp
-)
+set(QUIRE_TEST_SUPPORT_SOURCES atom_view.cpp http_client.cpp process_runner.cpp proxy_server.cpp
+  raw_server.cpp socket_stream.cpp tcp_listener.cpp temp_dir.cpp test_certificates.cpp)
+list(TRANSFORM QUIRE_TEST_SUPPORT_SOURCES PREPEND ${CMAKE_CURRENT_LIST_DIR}/)
+add_library(quire_test_support STATIC ${QUIRE_TEST_SUPPORT_SOURCES})
 quire_warnings(quire_test_support)
 target_include_directories(quire_test_support PUBLIC ${PROJECT_SOURCE_DIR})
-target_link_libraries(quire_test_support PUBLIC
-  quire kestrel GTest::gtest CURL::libcurl OpenSSL::SSL OpenSSL::Crypto pugixml::pugixml Threads::Threads)
+target_link_libraries(quire_test_support PUBLIC quire kestrel GTest::gtest CURL::libcurl
+  OpenSSL::SSL OpenSSL::Crypto pugixml::pugixml Threads::Threads)
 if(TARGET quire-server)
   # ServerProcess starts the emulator this build made (or the one given as
   # QUIRE_SERVER_EXECUTABLE).
