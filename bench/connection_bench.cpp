@@ -13,9 +13,7 @@
 
 namespace {
 
-using kestrel::quire::Connection;
-using kestrel::quire::ConnectionParams;
-using kestrel::quire::NetworkResponseInfo;
+using namespace kestrel::quire;  // NOLINT(build/namespaces): the library's classes and statuses
 
 void RunRequests(benchmark::State& state, bool collect_headers, int batch) {
   kestrel::net::ScriptedTransport transport;

@@ -1,10 +1,8 @@
 #include "bench/net/bench_http_server.h"
 
-#include <arpa/inet.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <openssl/ssl.h>
-#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -13,38 +11,12 @@
 #include <cstring>
 #include <string>
 
-namespace net_bench {
+#include "tests/support/socket_stream.h"
+
+namespace quire_bench::net {
 namespace {
 
 constexpr std::size_t kBufferBytes = 1024 * 1024;
-
-class Stream {
- public:
-  Stream(int fd, SSL* ssl) : fd_(fd), ssl_(ssl) {}
-
-  long Read(char* out, std::size_t size) {
-    if (ssl_ != nullptr)
-      return SSL_read(ssl_, out, static_cast<int>(std::min<std::size_t>(size, 1 << 30)));
-    return ::recv(fd_, out, size, 0);
-  }
-
-  bool Write(const char* data, std::size_t size) {
-    while (size > 0) {
-      const long n =
-          ssl_ != nullptr
-              ? SSL_write(ssl_, data, static_cast<int>(std::min<std::size_t>(size, 1 << 30)))
-              : ::send(fd_, data, size, MSG_NOSIGNAL);
-      if (n <= 0) return false;
-      data += n;
-      size -= static_cast<std::size_t>(n);
-    }
-    return true;
-  }
-
- private:
-  int fd_;
-  SSL* ssl_;
-};
 
 bool HeaderIs(const std::string& head, const char* lower_name, std::string* value) {
   std::size_t at = 0;
@@ -69,20 +41,7 @@ bool HeaderIs(const std::string& head, const char* lower_name, std::string* valu
 }  // namespace
 
 BenchHttpServer::BenchHttpServer(SSL_CTX* tls) : tls_(tls) {
-  listener_ = ::socket(AF_INET, SOCK_STREAM, 0);
-  int yes = 1;
-  ::setsockopt(listener_, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof(yes));
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t length = sizeof(address);
-  if (::bind(listener_, reinterpret_cast<sockaddr*>(&address), length) != 0 ||
-      ::listen(listener_, 64) != 0 ||
-      ::getsockname(listener_, reinterpret_cast<sockaddr*>(&address), &length) != 0) {
-    return;
-  }
-  port_ = ntohs(address.sin_port);
-  acceptor_ = std::thread([this] { AcceptLoop(); });
+  if (listener_.ok()) acceptor_ = std::thread([this] { AcceptLoop(); });
 }
 
 BenchHttpServer::~BenchHttpServer() {
@@ -93,7 +52,6 @@ BenchHttpServer::~BenchHttpServer() {
   }
   if (acceptor_.joinable()) acceptor_.join();
   for (std::thread& worker : workers_) worker.join();
-  if (listener_ >= 0) ::close(listener_);
 }
 
 void BenchHttpServer::AcceptLoop() {
@@ -102,9 +60,7 @@ void BenchHttpServer::AcceptLoop() {
       std::lock_guard<std::mutex> lock(mutex_);
       if (stopping_) return;
     }
-    pollfd waiting{listener_, POLLIN, 0};
-    if (::poll(&waiting, 1, 20) <= 0) continue;
-    const int fd = ::accept(listener_, nullptr, nullptr);
+    const int fd = listener_.Accept(20);
     if (fd < 0) continue;
     int yes = 1;
     ::setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &yes, sizeof(yes));
@@ -124,7 +80,7 @@ void BenchHttpServer::Serve(int fd) {
       ssl = nullptr;
     }
   }
-  Stream stream(fd, ssl);
+  quire_test::SocketStream stream(fd, ssl);
   std::vector<char> buffer(kBufferBytes);
   static const std::vector<char> kPayload(kBufferBytes, 'x');
   std::string pending;
@@ -198,4 +154,4 @@ void BenchHttpServer::Serve(int fd) {
   ::close(fd);
 }
 
-}  // namespace net_bench
+}  // namespace quire_bench::net

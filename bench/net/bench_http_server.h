@@ -11,9 +11,11 @@
 #include <thread>
 #include <vector>
 
+#include "tests/support/tcp_listener.h"
+
 typedef struct ssl_ctx_st SSL_CTX;
 
-namespace net_bench {
+namespace quire_bench::net {
 
 class BenchHttpServer {
  public:
@@ -23,15 +25,14 @@ class BenchHttpServer {
   BenchHttpServer(const BenchHttpServer&) = delete;
   BenchHttpServer& operator=(const BenchHttpServer&) = delete;
 
-  int port() const { return port_; }
+  int port() const { return listener_.port(); }
 
  private:
   void AcceptLoop();
   void Serve(int fd);
 
   SSL_CTX* tls_;
-  int listener_ = -1;
-  int port_ = -1;
+  quire_test::TcpListener listener_;
   std::thread acceptor_;
   std::mutex mutex_;
   bool stopping_ = false;
@@ -39,4 +40,4 @@ class BenchHttpServer {
   std::vector<std::thread> workers_;
 };
 
-}  // namespace net_bench
+}  // namespace quire_bench::net

@@ -5,9 +5,7 @@ find_package(Threads REQUIRED)
 add_executable(net_bench
   net/net_bench.cpp
   net/bench_http_server.cpp
-  ${PROJECT_SOURCE_DIR}/tests/kestrel/net/curl_test_certificates.cpp
-  ${PROJECT_SOURCE_DIR}/tests/support/test_certificates.cpp)
+)
 quire_warnings(net_bench)
 target_include_directories(net_bench PRIVATE ${PROJECT_SOURCE_DIR})
-target_link_libraries(net_bench PRIVATE quire kestrel CURL::libcurl OpenSSL::SSL OpenSSL::Crypto
-  Threads::Threads)
+target_link_libraries(net_bench PRIVATE quire_bench_common)

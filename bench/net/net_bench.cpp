@@ -31,27 +31,20 @@
 #include <vector>
 
 #include "bench/net/bench_http_server.h"
+#include "bench/suite/bench_common.h"
 #include "kestrel/base/main_loop.h"
 #include "kestrel/net/curl_transport.h"
 #include "kestrel/net/transport_registry.h"
 #include "quire/connection/connection.h"
-#include "tests/kestrel/net/curl_test_certificates.h"
+#include "tests/support/test_certificates.h"
 
 extern char** environ;
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
-
-double SecondsSince(Clock::time_point start) {
-  return std::chrono::duration<double>(Clock::now() - start).count();
-}
-
-double Median(std::vector<double> values) {
-  std::sort(values.begin(), values.end());
-  const std::size_t n = values.size();
-  return n % 2 == 1 ? values[n / 2] : (values[n / 2 - 1] + values[n / 2]) / 2;
-}
+using quire_bench::Clock;
+using quire_bench::Median;
+using quire_bench::SecondsSince;
 
 struct Options {
   int rounds = 3;
@@ -260,22 +253,8 @@ double PlainMultiLoop(const Target& target, int count) {
   if (!target.ca_file.empty()) curl_easy_setopt(easy, CURLOPT_CAINFO, target.ca_file.c_str());
   curl_slist* headers = curl_slist_append(nullptr, "Authorization: Bearer bench-token");
   curl_easy_setopt(easy, CURLOPT_HTTPHEADER, headers);
-  bool ok = true;
   const Clock::time_point start = Clock::now();
-  for (int i = 0; i < count && ok; ++i) {
-    curl_multi_add_handle(multi, easy);
-    int running = 1;
-    while (running > 0) {
-      curl_multi_perform(multi, &running);
-      if (running > 0) curl_multi_poll(multi, nullptr, 0, 1000, nullptr);
-    }
-    int left = 0;
-    CURLMsg* message = curl_multi_info_read(multi, &left);
-    long code = 0;
-    curl_easy_getinfo(easy, CURLINFO_RESPONSE_CODE, &code);
-    ok = message != nullptr && message->data.result == CURLE_OK && code == 200;
-    curl_multi_remove_handle(multi, easy);
-  }
+  const bool ok = quire_bench::PerformOneAfterAnother(multi, easy, count);
   const double seconds = SecondsSince(start);
   curl_slist_free_all(headers);
   curl_easy_cleanup(easy);
@@ -415,28 +394,29 @@ int main(int argc, char** argv) {
   }
   auto wanted = [&](const char* what) { return options.only.empty() || options.only == what; };
 
-  curl_test::CurlTestCertificates certificates;
+  quire_test::TestCertificates certificates;
+  const quire_test::TestCertificates::Server server = certificates.MakeLocal();
   std::unique_ptr<SSL_CTX, decltype(&SSL_CTX_free)> tls(SSL_CTX_new(TLS_server_method()),
                                                         &SSL_CTX_free);
-  if (!certificates.ok() ||
-      SSL_CTX_use_certificate_file(tls.get(), certificates.certificate_file().c_str(),
-                                   SSL_FILETYPE_PEM) != 1 ||
-      SSL_CTX_use_PrivateKey_file(tls.get(), certificates.key_file().c_str(), SSL_FILETYPE_PEM) !=
-          1) {
+  if (!certificates.ok() || server.certificate_file.empty() ||
+      SSL_CTX_use_certificate_file(tls.get(), server.certificate_file.c_str(), SSL_FILETYPE_PEM) !=
+          1 ||
+      SSL_CTX_use_PrivateKey_file(tls.get(), server.key_file.c_str(), SSL_FILETYPE_PEM) != 1) {
     std::fprintf(stderr, "could not set up TLS for the server\n");
     return 1;
   }
-  net_bench::BenchHttpServer plain_server(nullptr);
-  net_bench::BenchHttpServer tls_server(tls.get());
+  quire_bench::net::BenchHttpServer plain_server(nullptr);
+  quire_bench::net::BenchHttpServer tls_server(tls.get());
 
   kestrel::net::CurlTransport transport;
   kestrel::net::CurlTransportConfig config;
-  config.extra_ca_certificate_files.push_back(QString::fromStdString(certificates.ca_file()));
+  config.extra_ca_certificate_files.push_back(
+      QString::fromStdString(certificates.authority_file()));
   if (!transport.Configure(config)) return 1;
   kestrel::net::TransportRegistry::SetDefault(&transport);
 
   std::vector<Target> targets = {{"http", plain_server.port(), ""}};
-  if (options.https) targets.push_back({"https", tls_server.port(), certificates.ca_file()});
+  if (options.https) targets.push_back({"https", tls_server.port(), certificates.authority_file()});
 
   std::printf("net_bench: loopback, %d rounds, alternating, %s\n", options.rounds, curl_version());
   bool ok = true;

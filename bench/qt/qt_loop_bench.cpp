@@ -36,22 +36,12 @@
 namespace {
 
 using kestrel::MainLoop;
-using kestrel::quire::Connection;
-using kestrel::quire::ConnectionUtils;
-using kestrel::quire::DocsEntry;
-using kestrel::quire::DocsService;
-using kestrel::quire::NetworkResponseInfo;
-using kestrel::quire::QtEventLoopDriver;
+using namespace kestrel::quire;  // NOLINT(build/namespaces): the library's classes and statuses
 using quire_bench::Clock;
 using quire_bench::Median;
 using quire_bench::SecondsSince;
 
-struct Options {
-  std::string service;
-  std::string ca;
-  std::string token = "quire-demo-token";
-  std::string out;
-  int rounds = 5;
+struct Options : quire_bench::ServiceOptions {
   long long size_mib = 64;
   long long chunk_kib = 256;
   double idle_seconds = 3;
@@ -331,32 +321,15 @@ bool ParseService(Options* options) {
 
 int main(int argc, char** argv) {
   Options options;
-  for (int i = 1; i < argc; ++i) {
-    const std::string arg = argv[i];
-    auto value = [&] { return i + 1 < argc ? std::string(argv[++i]) : std::string(); };
-    if (arg == "--service") {
-      options.service = value();
-    } else if (arg == "--ca") {
-      options.ca = value();
-    } else if (arg == "--token") {
-      options.token = value();
-    } else if (arg == "--out") {
-      options.out = value();
-    } else if (arg == "--rounds") {
-      options.rounds = std::max(1, std::atoi(value().c_str()));
-    } else if (arg == "--size") {
-      options.size_mib = std::max(1LL, std::atoll(value().c_str()));
-    } else if (arg == "--chunk") {
-      options.chunk_kib = std::max(1LL, std::atoll(value().c_str()));
-    } else if (arg == "--idle") {
-      options.idle_seconds = std::max(0.5, std::atof(value().c_str()));
-    } else {
-      std::fprintf(stderr,
-                   "usage: %s --service https://ADDRESS:PORT --ca FILE [--token T] [--out FILE] "
-                   "[--rounds N] [--size MiB] [--chunk KiB] [--idle SECONDS]\n",
-                   argv[0]);
-      return 2;
-    }
+  quire_bench::CommandLine command_line;
+  quire_bench::AddServiceOptions(&options, &command_line);
+  command_line.Number("--size", &options.size_mib, 1LL);
+  command_line.Number("--chunk", &options.chunk_kib, 1LL);
+  command_line.Number("--idle", &options.idle_seconds, 0.5);
+  if (!command_line.Parse(argc, argv,
+                          "--service https://ADDRESS:PORT --ca FILE [--token T] [--out FILE] "
+                          "[--rounds N] [--size MiB] [--chunk KiB] [--idle SECONDS]")) {
+    return 2;
   }
   if (!ParseService(&options)) {
     std::fprintf(stderr, "qt_loop_bench: --service must be https://ADDRESS:PORT\n");

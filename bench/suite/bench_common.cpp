@@ -12,6 +12,9 @@
 #include <cstring>
 #include <fstream>
 #include <sstream>
+#include <utility>
+
+#include "tests/support/data_pattern.h"
 
 extern char** environ;
 
@@ -120,15 +123,7 @@ bool ResetPeakRss() {
 }
 
 void FillPseudoRandom(char* out, long long size, unsigned long long seed) {
-  unsigned long long state = seed * 0x9E3779B97F4A7C15ull + 1;
-  long long i = 0;
-  for (; i + 8 <= size; i += 8) {
-    state ^= state << 13;
-    state ^= state >> 7;
-    state ^= state << 17;
-    std::memcpy(out + i, &state, 8);
-  }
-  for (; i < size; ++i) out[i] = static_cast<char>(i);
+  quire_test::FillPattern(out, quire_test::PatternStream(seed), static_cast<std::size_t>(size));
 }
 
 bool WriteFile(const std::string& path, const char* data, long long size) {
@@ -197,6 +192,95 @@ bool AppendRow(const std::string& path, const Row& row, bool echo) {
       << (row.lower_better ? 1 : 0) << '\t' << row.note << '\t' << row.cpu_unit << '\t'
       << Join(row.ours_cpu) << '\t' << Join(row.peer_cpu) << '\n';
   return static_cast<bool>(out);
+}
+
+bool PerformOneAfterAnother(CURLM* multi, CURL* easy, int count) {
+  bool ok = true;
+  for (int i = 0; i < count && ok; ++i) {
+    curl_multi_add_handle(multi, easy);
+    int running = 1;
+    while (running > 0) {
+      curl_multi_perform(multi, &running);
+      if (running > 0) curl_multi_poll(multi, nullptr, 0, 1000, nullptr);
+    }
+    int left = 0;
+    CURLMsg* message = curl_multi_info_read(multi, &left);
+    long code = 0;
+    curl_easy_getinfo(easy, CURLINFO_RESPONSE_CODE, &code);
+    ok = message != nullptr && message->data.result == CURLE_OK && code == 200;
+    curl_multi_remove_handle(multi, easy);
+  }
+  return ok;
+}
+
+std::vector<std::string> Split(const std::string& text, char separator) {
+  std::vector<std::string> parts;
+  std::size_t start = 0;
+  while (start <= text.size()) {
+    const std::size_t end = text.find(separator, start);
+    parts.push_back(text.substr(start, end == std::string::npos ? std::string::npos : end - start));
+    if (end == std::string::npos) break;
+    start = end + 1;
+  }
+  return parts;
+}
+
+void CommandLine::Text(const char* name, std::string* out) {
+  Custom(name, [out](const std::string& value) { *out = value; });
+}
+
+void CommandLine::Number(const char* name, int* out, int least) {
+  Custom(name, [out, least](const std::string& value) {
+    *out = std::max(least, std::atoi(value.c_str()));
+  });
+}
+
+void CommandLine::Number(const char* name, long long* out, long long least) {
+  Custom(name, [out, least](const std::string& value) {
+    *out = std::max(least, std::atoll(value.c_str()));
+  });
+}
+
+void CommandLine::Number(const char* name, double* out, double least) {
+  Custom(name, [out, least](const std::string& value) {
+    *out = std::max(least, std::atof(value.c_str()));
+  });
+}
+
+void CommandLine::List(const char* name, std::vector<std::string>* out) {
+  Custom(name, [out](const std::string& value) { *out = Split(value, ','); });
+}
+
+void CommandLine::Custom(const char* name, std::function<void(const std::string&)> apply) {
+  options_.push_back({name, std::move(apply)});
+}
+
+void AddServiceOptions(ServiceOptions* options, CommandLine* command_line) {
+  command_line->Text("--service", &options->service);
+  command_line->Text("--ca", &options->ca);
+  command_line->Text("--token", &options->token);
+  command_line->Text("--out", &options->out);
+  command_line->Number("--rounds", &options->rounds, 1);
+}
+
+bool CommandLine::Parse(int argc, char** argv, const char* usage) const {
+  for (int i = 1; i < argc; ++i) {
+    const std::string arg = argv[i];
+    const std::string value = i + 1 < argc ? std::string(argv[i + 1]) : std::string();
+    bool known = false;
+    for (const Option& option : options_) {
+      if (arg != option.name) continue;
+      option.apply(value);
+      known = true;
+      break;
+    }
+    if (!known) {
+      std::fprintf(stderr, "usage: %s %s\n", argv[0], usage);
+      return false;
+    }
+    ++i;
+  }
+  return true;
 }
 
 }  // namespace quire_bench

@@ -2,7 +2,10 @@
 // peer, resident-memory readings, and the result rows that bench_report turns into the report.
 #pragma once
 
+#include <curl/curl.h>
+
 #include <chrono>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -28,6 +31,11 @@ struct CurlTimes {
 // arguments redirect it. Returns what -w reported.
 CurlTimes RunCurl(const std::vector<std::string>& args);
 
+// Performs `easy` `count` times one after another on `multi` (which it is not part of), as a plain
+// libcurl client does: the least libcurl can do per request. False at the first transfer that
+// fails or answers other than 200.
+bool PerformOneAfterAnother(CURLM* multi, CURL* easy, int count);
+
 // The version line of the curl command ("curl 7.88.1 ..."), or empty.
 std::string CurlCommandVersion();
 
@@ -40,8 +48,8 @@ long long StatusKiB(const char* field);
 // allow it.
 bool ResetPeakRss();
 
-// Fills `size` bytes at `out` with a fast pseudo-random sequence (incompressible, and touching
-// every page).
+// Fills `size` bytes at `out` with the tests' data pattern (incompressible, touching every page),
+// the stream numbered `seed`.
 void FillPseudoRandom(char* out, long long size, unsigned long long seed);
 // Writes `size` bytes to `path`; false on failure.
 bool WriteFile(const std::string& path, const char* data, long long size);
@@ -74,5 +82,48 @@ struct Row {
 // Appends `row` to `path` (creating it; an empty path writes nothing), and with `echo` prints a
 // one-line summary on standard output.
 bool AppendRow(const std::string& path, const Row& row, bool echo = true);
+
+// The parts of `text` between the `separator`s (one empty part for an empty text).
+std::vector<std::string> Split(const std::string& text, char separator);
+
+// The command line of a benchmark program: options of the form "--name value", each naming where
+// its value goes. A missing value reads as empty (so a number as 0, then raised to its least).
+class CommandLine {
+ public:
+  // The value as text.
+  void Text(const char* name, std::string* out);
+  // The value as a whole number, at least `least`.
+  void Number(const char* name, int* out, int least);
+  void Number(const char* name, long long* out, long long least);
+  // The value as a decimal number, at least `least`.
+  void Number(const char* name, double* out, double least);
+  // The value's comma-separated parts.
+  void List(const char* name, std::vector<std::string>* out);
+  // The value, handed to `apply`.
+  void Custom(const char* name, std::function<void(const std::string&)> apply);
+
+  // Reads `argv`; on an option it does not know, prints "usage: PROGRAM `usage`" on standard error
+  // and returns false.
+  bool Parse(int argc, char** argv, const char* usage) const;
+
+ private:
+  struct Option {
+    std::string name;
+    std::function<void(const std::string&)> apply;
+  };
+  std::vector<Option> options_;
+};
+
+// The options of every benchmark program that talks to the emulator.
+struct ServiceOptions {
+  std::string service;  // SCHEME://ADDRESS:PORT
+  std::string ca;       // the authority to trust
+  std::string token = "quire-demo-token";
+  std::string out;  // the result rows' file; empty: none
+  int rounds = 5;
+};
+
+// Adds --service, --ca, --token, --out and --rounds (at least 1) for `options`.
+void AddServiceOptions(ServiceOptions* options, CommandLine* command_line);
 
 }  // namespace quire_bench

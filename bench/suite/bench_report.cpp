@@ -48,19 +48,6 @@ struct Row {
   }
 };
 
-std::vector<std::string> SplitTabs(const std::string& line) {
-  std::vector<std::string> fields;
-  std::size_t start = 0;
-  for (;;) {
-    const std::size_t tab = line.find('\t', start);
-    fields.push_back(
-        line.substr(start, tab == std::string::npos ? std::string::npos : tab - start));
-    if (tab == std::string::npos) break;
-    start = tab + 1;
-  }
-  return fields;
-}
-
 std::vector<double> Numbers(const std::string& text) {
   std::vector<double> values;
   std::stringstream in(text);
@@ -77,7 +64,7 @@ bool ReadRows(const std::string& path, std::vector<Row>* rows) {
   std::string line;
   while (std::getline(in, line)) {
     if (line.empty()) continue;
-    std::vector<std::string> f = SplitTabs(line);
+    std::vector<std::string> f = quire_bench::Split(line, '\t');
     f.resize(13);
     Row row;
     row.id = f[0];

@@ -37,27 +37,17 @@
 
 namespace {
 
-using kestrel::quire::Connection;
-using kestrel::quire::DocsEntry;
-using kestrel::quire::DocsService;
-using kestrel::quire::NetworkResponseInfo;
-using kestrel::quire::ResumableUploader;
-using kestrel::quire::RetryPolicy;
+using namespace kestrel::quire;  // NOLINT(build/namespaces): the library's classes and statuses
 using quire_bench::Clock;
 using quire_bench::Row;
 using quire_bench::SecondsSince;
 
 constexpr long long kMiB = 1024 * 1024;
 
-struct Options {
-  std::string service;
-  std::string ca;
+struct Options : quire_bench::ServiceOptions {
   std::string faulty;
   std::string faulty_ca;
-  std::string token = "quire-demo-token";
   std::string work = "/tmp";
-  std::string out;
-  int rounds = 5;
   long long size_mib = 256;
   long long memory_size_mib = 4096;
   long long chunk_kib = 8192;
@@ -276,49 +266,21 @@ bool Memory(const Options& options) {
 
 int main(int argc, char** argv) {
   Options options;
-  for (int i = 1; i < argc; ++i) {
-    const std::string arg = argv[i];
-    auto value = [&] { return i + 1 < argc ? std::string(argv[++i]) : std::string(); };
-    if (arg == "--service") {
-      options.service = value();
-    } else if (arg == "--ca") {
-      options.ca = value();
-    } else if (arg == "--faulty") {
-      options.faulty = value();
-    } else if (arg == "--faulty-ca") {
-      options.faulty_ca = value();
-    } else if (arg == "--token") {
-      options.token = value();
-    } else if (arg == "--work") {
-      options.work = value();
-    } else if (arg == "--out") {
-      options.out = value();
-    } else if (arg == "--rounds") {
-      options.rounds = std::max(1, std::atoi(value().c_str()));
-    } else if (arg == "--size") {
-      options.size_mib = std::max(1, std::atoi(value().c_str()));
-    } else if (arg == "--memory-size") {
-      options.memory_size_mib = std::max(1, std::atoi(value().c_str()));
-    } else if (arg == "--chunk") {
-      options.chunk_kib = std::max(1, std::atoi(value().c_str()));
-    } else if (arg == "--fail-percent") {
-      options.fail_percent = value();
-    } else if (arg == "--only") {
-      std::string list = value();
-      for (std::size_t start = 0; start <= list.size();) {
-        const std::size_t end = list.find(',', start);
-        options.only.push_back(list.substr(start, end == std::string::npos ? end : end - start));
-        if (end == std::string::npos) break;
-        start = end + 1;
-      }
-    } else {
-      std::fprintf(stderr,
-                   "usage: %s --service URL --ca FILE [--faulty URL --faulty-ca FILE] [--token T] "
-                   "--work DIR [--out FILE] [--rounds N] [--size MiB] [--memory-size MiB] "
-                   "[--chunk KiB] [--fail-percent P] [--only faults,memory]\n",
-                   argv[0]);
-      return 2;
-    }
+  quire_bench::CommandLine command_line;
+  quire_bench::AddServiceOptions(&options, &command_line);
+  command_line.Text("--faulty", &options.faulty);
+  command_line.Text("--faulty-ca", &options.faulty_ca);
+  command_line.Text("--work", &options.work);
+  command_line.Number("--size", &options.size_mib, 1);
+  command_line.Number("--memory-size", &options.memory_size_mib, 1);
+  command_line.Number("--chunk", &options.chunk_kib, 1);
+  command_line.Text("--fail-percent", &options.fail_percent);
+  command_line.List("--only", &options.only);
+  if (!command_line.Parse(argc, argv,
+                          "--service URL --ca FILE [--faulty URL --faulty-ca FILE] [--token T] "
+                          "--work DIR [--out FILE] [--rounds N] [--size MiB] [--memory-size MiB] "
+                          "[--chunk KiB] [--fail-percent P] [--only faults,memory]")) {
+    return 2;
   }
   bool ok = true;
   if (options.Wants("faults")) {

@@ -3,6 +3,7 @@ find_package(CURL REQUIRED)
 add_library(quire_bench_common STATIC ${CMAKE_CURRENT_LIST_DIR}/bench_common.cpp)
 quire_warnings(quire_bench_common)
 target_include_directories(quire_bench_common PUBLIC ${PROJECT_SOURCE_DIR})
+target_link_libraries(quire_bench_common PUBLIC quire_test_support CURL::libcurl)
 
 add_executable(transfer_bench ${CMAKE_CURRENT_LIST_DIR}/transfer_bench.cpp)
 quire_warnings(transfer_bench)

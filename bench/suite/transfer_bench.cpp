@@ -44,11 +44,7 @@
 
 namespace {
 
-using kestrel::quire::Connection;
-using kestrel::quire::ConnectionUtils;
-using kestrel::quire::DocsEntry;
-using kestrel::quire::DocsService;
-using kestrel::quire::NetworkResponseInfo;
+using namespace kestrel::quire;  // NOLINT(build/namespaces): the library's classes and statuses
 using quire_bench::Clock;
 using quire_bench::CurlTimes;
 using quire_bench::Row;
@@ -58,13 +54,8 @@ using quire_bench::SecondsSince;
 constexpr long long kMiB = 1024 * 1024;
 constexpr long long kDefaultChunkKiB = 8 * 1024;
 
-struct Options {
-  std::string service;  // https://127.0.0.1:PORT
-  std::string ca;
-  std::string token = "quire-demo-token";
+struct Options : quire_bench::ServiceOptions {
   std::string work = "/tmp";
-  std::string out;
-  int rounds = 5;
   std::vector<long long> sizes_mib = {1, 4, 16, 64, 256, 1024};
   std::vector<long long> chunks_kib = {256, 1024, 8192, 32768};
   int small = 10000;
@@ -87,21 +78,9 @@ struct Options {
   }
 };
 
-std::vector<std::string> Split(const std::string& text, char separator) {
-  std::vector<std::string> parts;
-  std::size_t start = 0;
-  while (start <= text.size()) {
-    const std::size_t end = text.find(separator, start);
-    parts.push_back(text.substr(start, end == std::string::npos ? std::string::npos : end - start));
-    if (end == std::string::npos) break;
-    start = end + 1;
-  }
-  return parts;
-}
-
 std::vector<long long> Numbers(const std::string& text) {
   std::vector<long long> numbers;
-  for (const std::string& part : Split(text, ',')) {
+  for (const std::string& part : quire_bench::Split(text, ',')) {
     if (!part.empty()) numbers.push_back(std::atoll(part.c_str()));
   }
   return numbers;
@@ -472,23 +451,9 @@ class PlainLoop {
   PlainLoop& operator=(const PlainLoop&) = delete;
 
   Sample Run(int count) {
-    bool ok = true;
     const double cpu = quire_bench::ProcessCpuSeconds();
     const Clock::time_point start = Clock::now();
-    for (int i = 0; i < count && ok; ++i) {
-      curl_multi_add_handle(multi_, easy_);
-      int running = 1;
-      while (running > 0) {
-        curl_multi_perform(multi_, &running);
-        if (running > 0) curl_multi_poll(multi_, nullptr, 0, 1000, nullptr);
-      }
-      int left = 0;
-      CURLMsg* message = curl_multi_info_read(multi_, &left);
-      long code = 0;
-      curl_easy_getinfo(easy_, CURLINFO_RESPONSE_CODE, &code);
-      ok = message != nullptr && message->data.result == CURLE_OK && code == 200;
-      curl_multi_remove_handle(multi_, easy_);
-    }
+    const bool ok = quire_bench::PerformOneAfterAnother(multi_, easy_, count);
     Sample sample{SecondsSince(start), quire_bench::ProcessCpuSeconds() - cpu};
     if (!ok) sample.seconds = -1;
     return sample;
@@ -637,37 +602,20 @@ bool ParseService(Options* options) {
 
 int main(int argc, char** argv) {
   Options options;
-  for (int i = 1; i < argc; ++i) {
-    const std::string arg = argv[i];
-    auto value = [&] { return i + 1 < argc ? std::string(argv[++i]) : std::string(); };
-    if (arg == "--service") {
-      options.service = value();
-    } else if (arg == "--ca") {
-      options.ca = value();
-    } else if (arg == "--token") {
-      options.token = value();
-    } else if (arg == "--work") {
-      options.work = value();
-    } else if (arg == "--out") {
-      options.out = value();
-    } else if (arg == "--rounds") {
-      options.rounds = std::max(1, std::atoi(value().c_str()));
-    } else if (arg == "--sizes") {
-      options.sizes_mib = Numbers(value());
-    } else if (arg == "--chunks") {
-      options.chunks_kib = Numbers(value());
-    } else if (arg == "--small") {
-      options.small = std::max(1, std::atoi(value().c_str()));
-    } else if (arg == "--only") {
-      options.only = Split(value(), ',');
-    } else {
-      std::fprintf(stderr,
-                   "usage: %s --service URL --ca FILE [--token T] --work DIR [--out FILE] "
-                   "[--rounds N] [--sizes MiB,...] [--chunks KiB,...] [--small N] "
-                   "[--only upload,download,small,memory]\n",
-                   argv[0]);
-      return 2;
-    }
+  quire_bench::CommandLine command_line;
+  quire_bench::AddServiceOptions(&options, &command_line);
+  command_line.Text("--work", &options.work);
+  command_line.Custom("--sizes",
+                      [&](const std::string& value) { options.sizes_mib = Numbers(value); });
+  command_line.Custom("--chunks",
+                      [&](const std::string& value) { options.chunks_kib = Numbers(value); });
+  command_line.Number("--small", &options.small, 1);
+  command_line.List("--only", &options.only);
+  if (!command_line.Parse(argc, argv,
+                          "--service URL --ca FILE [--token T] --work DIR [--out FILE] "
+                          "[--rounds N] [--sizes MiB,...] [--chunks KiB,...] [--small N] "
+                          "[--only upload,download,small,memory]")) {
+    return 2;
   }
   if (!ParseService(&options) || options.sizes_mib.empty() || options.chunks_kib.empty()) {
     std::fprintf(stderr, "transfer_bench: --service must be http(s)://ADDRESS:PORT\n");

@@ -32,9 +32,7 @@ namespace {
 
 using kestrel::net::HttpRequest;
 using kestrel::net::ScriptedTransport;
-using kestrel::quire::Connection;
-using kestrel::quire::ConnectionUtils;
-using kestrel::quire::NetworkResponseInfo;
+using namespace kestrel::quire;  // NOLINT(build/namespaces): the library's classes and statuses
 using quire_bench::ResetPeakRss;
 using quire_bench::StatusKiB;
 
@@ -158,14 +156,7 @@ int main(int argc, char** argv) {
   const long long rss_before_kib = StatusKiB("VmRSS");
   QByteArray data(static_cast<decltype(data.size())>(size), Qt::Uninitialized);
   // Touch every page so that the data is resident before anything is measured.
-  std::uint64_t state = 0x9E3779B97F4A7C15ull;
-  char* bytes = data.data();
-  for (long long i = 0; i + 8 <= size; i += 8) {
-    state ^= state << 13;
-    state ^= state >> 7;
-    state ^= state << 17;
-    std::memcpy(bytes + i, &state, 8);
-  }
+  quire_bench::FillPseudoRandom(data.data(), size, 0);
   const long long data_kib = size / 1024;
   std::printf("resumable upload of %lld MiB through Connection over the scripted transport\n",
               size_mib);

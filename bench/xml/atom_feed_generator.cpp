@@ -5,7 +5,7 @@
 
 #include "quire/model/link_relations.h"
 
-namespace xml_bench {
+namespace quire_bench::xml {
 namespace {
 
 using namespace kestrel::quire;  // NOLINT(build/namespaces): the relation constants
@@ -157,4 +157,4 @@ QByteArray GenerateAtomFeed(int entries) {
   return QByteArray(s.data(), static_cast<int>(s.size()));
 }
 
-}  // namespace xml_bench
+}  // namespace quire_bench::xml

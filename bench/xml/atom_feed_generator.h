@@ -3,7 +3,7 @@
 
 #include <QByteArray>
 
-namespace xml_bench {
+namespace quire_bench::xml {
 
 // A feed of `entries` entries with every element and attribute that the feed model reads (entity
 // tags, ids, timestamps, titles with entity and character references and non-ASCII text, content
@@ -12,4 +12,4 @@ namespace xml_bench {
 // indented as a server pretty-prints it. The same count always gives the same bytes.
 QByteArray GenerateAtomFeed(int entries);
 
-}  // namespace xml_bench
+}  // namespace quire_bench::xml

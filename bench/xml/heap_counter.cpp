@@ -17,7 +17,7 @@ void __libc_free(void* pointer);
 }
 #endif
 
-namespace xml_bench {
+namespace quire_bench::xml {
 namespace {
 
 std::atomic<bool> g_counting{false};
@@ -55,42 +55,42 @@ long long HeapCounter::live_bytes() { return g_live.load(std::memory_order_relax
 long long HeapCounter::peak_bytes() { return g_peak.load(std::memory_order_relaxed); }
 void HeapCounter::ResetPeak() { g_peak.store(g_live.load()); }
 
-}  // namespace xml_bench
+}  // namespace quire_bench::xml
 
 #if defined(XML_BENCH_COUNT_HEAP)
 extern "C" {
 
 void* malloc(std::size_t size) {
   void* pointer = __libc_malloc(size);
-  xml_bench::Added(pointer);
+  quire_bench::xml::Added(pointer);
   return pointer;
 }
 
 void* calloc(std::size_t count, std::size_t size) {
   void* pointer = __libc_calloc(count, size);
-  xml_bench::Added(pointer);
+  quire_bench::xml::Added(pointer);
   return pointer;
 }
 
 void* realloc(void* old, std::size_t size) {
-  xml_bench::Removed(old);
+  quire_bench::xml::Removed(old);
   void* pointer = __libc_realloc(old, size);
   if (pointer == nullptr && size != 0) {
-    xml_bench::Added(old);  // the old block stays
+    quire_bench::xml::Added(old);  // the old block stays
     return nullptr;
   }
-  xml_bench::Added(pointer);
+  quire_bench::xml::Added(pointer);
   return pointer;
 }
 
 void free(void* pointer) {
-  xml_bench::Removed(pointer);
+  quire_bench::xml::Removed(pointer);
   __libc_free(pointer);
 }
 
 void* memalign(std::size_t alignment, std::size_t size) {
   void* pointer = __libc_memalign(alignment, size);
-  xml_bench::Added(pointer);
+  quire_bench::xml::Added(pointer);
   return pointer;
 }
 

@@ -3,7 +3,7 @@
 // sanitizers, which bring their own allocator; there, available() is false and the counters stay 0.
 #pragma once
 
-namespace xml_bench {
+namespace quire_bench::xml {
 
 class HeapCounter {
  public:
@@ -20,4 +20,4 @@ class HeapCounter {
   static void ResetPeak();
 };
 
-}  // namespace xml_bench
+}  // namespace quire_bench::xml

@@ -5,7 +5,7 @@
 
 #include "kestrel/xml/xml_reader.h"
 
-namespace xml_bench {
+namespace quire_bench::xml {
 
 StreamReaderTree::StreamReaderTree(const QByteArray& document) {
   QXmlStreamReader reader(document);
@@ -66,4 +66,4 @@ StreamReaderTree::StreamReaderTree(const QByteArray& document) {
   }
 }
 
-}  // namespace xml_bench
+}  // namespace quire_bench::xml

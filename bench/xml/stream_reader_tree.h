@@ -7,7 +7,7 @@
 #include "kestrel/xml/xml_arena.h"
 #include "kestrel/xml/xml_node.h"
 
-namespace xml_bench {
+namespace quire_bench::xml {
 
 class StreamReaderTree {
  public:
@@ -26,4 +26,4 @@ class StreamReaderTree {
   bool errors_occurred_ = false;
 };
 
-}  // namespace xml_bench
+}  // namespace quire_bench::xml

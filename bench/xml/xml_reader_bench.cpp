@@ -27,7 +27,7 @@ namespace {
 constexpr int kEntries = 10000;
 
 const QByteArray& Feed() {
-  static const QByteArray feed = xml_bench::GenerateAtomFeed(kEntries);
+  static const QByteArray feed = quire_bench::xml::GenerateAtomFeed(kEntries);
   return feed;
 }
 
@@ -63,16 +63,16 @@ template <typename Parse>
 Allocations CountOne(Parse parse) {
   auto* manager = kestrel::MemoryManager::Default();
   Allocations counted;
-  xml_bench::HeapCounter::SetCounting(true);
-  xml_bench::HeapCounter::ResetPeak();
-  const long long live_before = xml_bench::HeapCounter::live_bytes();
-  const long long heap_before = xml_bench::HeapCounter::allocations();
+  quire_bench::xml::HeapCounter::SetCounting(true);
+  quire_bench::xml::HeapCounter::ResetPeak();
+  const long long live_before = quire_bench::xml::HeapCounter::live_bytes();
+  const long long heap_before = quire_bench::xml::HeapCounter::allocations();
   const long long managed_before = manager->total_allocations();
   parse();
-  counted.heap = xml_bench::HeapCounter::allocations() - heap_before;
+  counted.heap = quire_bench::xml::HeapCounter::allocations() - heap_before;
   counted.managed = manager->total_allocations() - managed_before;
-  counted.peak_bytes = xml_bench::HeapCounter::peak_bytes() - live_before;
-  xml_bench::HeapCounter::SetCounting(false);
+  counted.peak_bytes = quire_bench::xml::HeapCounter::peak_bytes() - live_before;
+  quire_bench::xml::HeapCounter::SetCounting(false);
   return counted;
 }
 
@@ -85,7 +85,7 @@ void RunFeed(benchmark::State& state, Parse parse) {
   state.SetBytesProcessed(state.iterations() * feed.size());
   state.counters["entries/s"] = benchmark::Counter(
       static_cast<double>(state.iterations()) * kEntries, benchmark::Counter::kIsRate);
-  if (xml_bench::HeapCounter::available()) {
+  if (quire_bench::xml::HeapCounter::available()) {
     state.counters["heap_allocs/entry"] = static_cast<double>(counted.heap) / kEntries;
     state.counters["peak_heap_MB"] = static_cast<double>(counted.peak_bytes) / (1024.0 * 1024.0);
   }
@@ -112,7 +112,7 @@ void BM_XmlReader(benchmark::State& state) {
 
 void BM_QXmlStreamReaderTree(benchmark::State& state) {
   RunFeed(state, [](const QByteArray& feed, benchmark::State& s) {
-    xml_bench::StreamReaderTree tree(feed);
+    quire_bench::xml::StreamReaderTree tree(feed);
     if (tree.errors_occurred()) s.SkipWithError("QXmlStreamReader refused the feed");
     benchmark::DoNotOptimize(tree.root());
   });
@@ -141,7 +141,7 @@ void RunHostile(benchmark::State& state, const QByteArray& document, Parse parse
   if (!refused) state.SkipWithError("the hostile document was accepted");
   for (auto _ : state) benchmark::DoNotOptimize(parse(document));
   state.SetBytesProcessed(state.iterations() * document.size());
-  if (xml_bench::HeapCounter::available()) {
+  if (quire_bench::xml::HeapCounter::available()) {
     state.counters["peak_heap_MB"] = static_cast<double>(counted.peak_bytes) / (1024.0 * 1024.0);
   }
 }
@@ -152,7 +152,7 @@ bool ReaderRefuses(const QByteArray& document) {
 }
 
 bool StreamReaderRefuses(const QByteArray& document) {
-  xml_bench::StreamReaderTree tree(document);
+  quire_bench::xml::StreamReaderTree tree(document);
   return tree.errors_occurred();
 }
 

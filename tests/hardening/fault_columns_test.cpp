@@ -2,7 +2,7 @@
 // fault_delay_test.cpp and the 200 MB feed in fault_huge_feed_test.cpp.
 #include "tests/hardening/fault_matrix_test.h"
 
-namespace quire_hardening {
+namespace quire_test::hardening {
 namespace {
 
 constexpr double kSeconds = 120.0;
@@ -54,4 +54,4 @@ TEST_F(FaultMatrixTest, ServiceUnavailableOnAChunk) {
 }
 
 }  // namespace
-}  // namespace quire_hardening
+}  // namespace quire_test::hardening

@@ -4,10 +4,10 @@
 // wait side by side, so the column costs the time-out once.
 #include "tests/hardening/fault_matrix_test.h"
 
-namespace quire_hardening {
+namespace quire_test::hardening {
 namespace {
 
 TEST_F(FaultMatrixTest, DelayPastTheTimeOut) { RunColumn(Fault::kDelayPastTimeout, true, 150.0); }
 
 }  // namespace
-}  // namespace quire_hardening
+}  // namespace quire_test::hardening

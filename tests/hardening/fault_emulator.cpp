@@ -1,6 +1,6 @@
 #include "tests/hardening/fault_emulator.h"
 
-namespace quire_hardening {
+namespace quire_test::hardening {
 
 FaultEmulator::~FaultEmulator() { Stop(); }
 
@@ -8,7 +8,7 @@ bool FaultEmulator::Start(const std::vector<std::string>& args) {
   Stop();
   std::vector<std::string> all = {"--data", data_.path()};
   all.insert(all.end(), args.begin(), args.end());
-  server_ = std::make_unique<quire_server_test::ServerProcess>(all);
+  server_ = std::make_unique<quire_test::ServerProcess>(all);
   return server_->started();
 }
 
@@ -19,4 +19,4 @@ int FaultEmulator::Stop() {
   return status;
 }
 
-}  // namespace quire_hardening
+}  // namespace quire_test::hardening

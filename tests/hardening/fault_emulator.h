@@ -6,10 +6,10 @@
 #include <string>
 #include <vector>
 
-#include "tests/tools/quire-server/server_process.h"
-#include "tests/tools/quire-server/server_test.h"
+#include "tests/support/server_process.h"
+#include "tests/support/temp_dir.h"
 
-namespace quire_hardening {
+namespace quire_test::hardening {
 
 class FaultEmulator {
  public:
@@ -30,8 +30,8 @@ class FaultEmulator {
   const std::string& folder() const { return data_.path(); }
 
  private:
-  quire_server_test::TempDir data_;
-  std::unique_ptr<quire_server_test::ServerProcess> server_;
+  quire_test::TempDir data_;
+  std::unique_ptr<quire_test::ServerProcess> server_;
 };
 
-}  // namespace quire_hardening
+}  // namespace quire_test::hardening

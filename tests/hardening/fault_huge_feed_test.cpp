@@ -3,10 +3,10 @@
 // it runs.
 #include "tests/hardening/fault_matrix_test.h"
 
-namespace quire_hardening {
+namespace quire_test::hardening {
 namespace {
 
 TEST_F(FaultMatrixTest, HugeFeed) { RunColumn(Fault::kHugeFeed, false, 600.0); }
 
 }  // namespace
-}  // namespace quire_hardening
+}  // namespace quire_test::hardening

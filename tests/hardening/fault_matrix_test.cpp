@@ -8,7 +8,7 @@
 #include "quire/model/link_relations.h"
 #include "quire/services/endpoints.h"
 
-namespace quire_hardening {
+namespace quire_test::hardening {
 namespace {
 
 using kestrel::MainLoop;
@@ -56,33 +56,23 @@ void FaultMatrixTest::TearDown() {
 }
 
 const char* FaultMatrixTest::Name(Fault fault) {
-  switch (fault) {
-    case Fault::kNone:
-      return "no fault";
-    case Fault::kCloseInRequestHead:
-      return "connection closed mid-request (header)";
-    case Fault::kCloseInRequestBody:
-      return "connection closed mid-request (body)";
-    case Fault::kCloseInResponseHead:
-      return "connection closed mid-response (header)";
-    case Fault::kCloseInResponseBody:
-      return "connection closed mid-response (body)";
-    case Fault::kServiceUnavailable:
-      return "503";
-    case Fault::k308WithoutRange:
-      return "308 without Range";
-    case Fault::kRangeBeyondData:
-      return "Range beyond the data";
-    case Fault::kMalformedXml:
-      return "malformed XML";
-    case Fault::kEntityBomb:
-      return "entity bomb";
-    case Fault::kHugeFeed:
-      return "200 MB feed";
-    case Fault::kDelayPastTimeout:
-      return "delay past the time-out";
-  }
-  return "?";
+  // In the order of the enumeration.
+  static const char* const kNames[] = {"no fault",
+                                       "connection closed mid-request (header)",
+                                       "connection closed mid-request (body)",
+                                       "connection closed mid-response (header)",
+                                       "connection closed mid-response (body)",
+                                       "503",
+                                       "308 without Range",
+                                       "Range beyond the data",
+                                       "malformed XML",
+                                       "entity bomb",
+                                       "200 MB feed",
+                                       "delay past the time-out"};
+  static_assert(
+      sizeof(kNames) / sizeof(kNames[0]) == static_cast<std::size_t>(Fault::kDelayPastTimeout) + 1,
+      "a name for every value");
+  return kNames[static_cast<std::size_t>(fault)];
 }
 
 std::string FaultMatrixTest::WriteFile(const std::string& name, const std::string& bytes) {
@@ -529,4 +519,4 @@ void FaultMatrixTest::CheckCell(Fault fault, Operation operation, const Outcome&
   }
 }
 
-}  // namespace quire_hardening
+}  // namespace quire_test::hardening

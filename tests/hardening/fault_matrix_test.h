@@ -22,9 +22,9 @@
 
 #include "tests/hardening/fault_emulator.h"
 #include "tests/hardening/operation_runner.h"
-#include "tests/tools/quire-server/server_test.h"
+#include "tests/support/temp_dir.h"
 
-namespace quire_hardening {
+namespace quire_test::hardening {
 
 enum class Fault {
   kNone,
@@ -91,7 +91,7 @@ class FaultMatrixTest : public ::testing::Test {
   std::size_t WriteHugeFeed(const std::string& path, long long bytes);
 
   long live_at_start_ = 0;
-  quire_server_test::TempDir files_;
+  quire_test::TempDir files_;
   FaultEmulator emulator_;
   Targets targets_;
   // The bytes the emulator serves as the body of every 2xx answer, when a fault says so.
@@ -100,4 +100,4 @@ class FaultMatrixTest : public ::testing::Test {
   std::size_t huge_feed_entries_ = 0;
 };
 
-}  // namespace quire_hardening
+}  // namespace quire_test::hardening

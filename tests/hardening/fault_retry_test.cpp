@@ -11,7 +11,7 @@
 #include "quire/upload/resumable_uploader.h"
 #include "tests/hardening/fault_matrix_test.h"
 
-namespace quire_hardening {
+namespace quire_test::hardening {
 namespace {
 
 using kestrel::quire::kStatusCancelled;
@@ -91,36 +91,36 @@ TEST_F(FaultMatrixTest, RetryColumnEverySecondRequestUnavailable) {
   }
 }
 
-// 503 to every request: the policy's attempts, then the 503; a POST after one attempt.
-TEST_F(FaultMatrixTest, RetryColumnAlwaysUnavailable) {
-  const RetryPolicy policy = QuickPolicy();
-  std::vector<std::uint64_t> retries;
-  const std::vector<Operation> operations = All();
-  const std::vector<Outcome> outcomes =
-      Run(operations, {"--fault-fail-every", "1"}, true, kSeconds, &policy, &retries);
+// Checks a run of `operations` under the quick policy in which every attempt failed: each ended
+// once with `status`, a POST after one attempt, everything else after the policy's attempts.
+void CheckRetriedToTheEnd(const std::vector<Operation>& operations,
+                          const std::vector<Outcome>& outcomes,
+                          const std::vector<std::uint64_t>& retries, int status) {
   ASSERT_EQ(retries.size(), operations.size());
   for (std::size_t i = 0; i < operations.size(); ++i) {
     SCOPED_TRACE(OperationRunner::Name(operations[i]));
     CheckOnce(outcomes[i]);
-    EXPECT_EQ(outcomes[i].status, 503);
+    EXPECT_EQ(outcomes[i].status, status);
     EXPECT_EQ(retries[i], IsPost(operations[i]) ? 0u : static_cast<std::uint64_t>(kAttempts - 1));
   }
+}
+
+// 503 to every request: the policy's attempts, then the 503; a POST after one attempt.
+TEST_F(FaultMatrixTest, RetryColumnAlwaysUnavailable) {
+  const RetryPolicy policy = QuickPolicy();
+  std::vector<std::uint64_t> retries;
+  const std::vector<Outcome> outcomes =
+      Run(All(), {"--fault-fail-every", "1"}, true, kSeconds, &policy, &retries);
+  CheckRetriedToTheEnd(All(), outcomes, retries, 503);
 }
 
 // Every answer cut inside its header lines: no usable answer, status 2 after the attempts.
 TEST_F(FaultMatrixTest, RetryColumnAnswerCutInItsHeader) {
   const RetryPolicy policy = QuickPolicy();
   std::vector<std::uint64_t> retries;
-  const std::vector<Operation> operations = All();
   const std::vector<Outcome> outcomes =
-      Run(operations, {"--fault-close-response-after", "64"}, true, kSeconds, &policy, &retries);
-  ASSERT_EQ(retries.size(), operations.size());
-  for (std::size_t i = 0; i < operations.size(); ++i) {
-    SCOPED_TRACE(OperationRunner::Name(operations[i]));
-    CheckOnce(outcomes[i]);
-    EXPECT_EQ(outcomes[i].status, 2);
-    EXPECT_EQ(retries[i], IsPost(operations[i]) ? 0u : static_cast<std::uint64_t>(kAttempts - 1));
-  }
+      Run(All(), {"--fault-close-response-after", "64"}, true, kSeconds, &policy, &retries);
+  CheckRetriedToTheEnd(All(), outcomes, retries, 2);
 }
 
 // Cancelled right after it was issued, before any answer: status 3, once.
@@ -252,4 +252,4 @@ TEST_F(FaultMatrixTest, UploaderColumn) {
 }
 
 }  // namespace
-}  // namespace quire_hardening
+}  // namespace quire_test::hardening

@@ -16,7 +16,7 @@
 #include "kestrel/base/memory_manager.h"
 #include "kestrel/xml/xml_reader.h"
 
-namespace quire_hardening {
+namespace quire_test::hardening {
 namespace {
 
 using Check = const char* (*)(const std::uint8_t* data, std::size_t size);
@@ -156,4 +156,4 @@ TEST_F(FuzzCorpusTest, RepeatedEmptyTextsAreRead) {
 }
 
 }  // namespace
-}  // namespace quire_hardening
+}  // namespace quire_test::hardening

@@ -1,7 +1,5 @@
 # Hardening: the fault matrix against the emulator, security tests through the real transport, and
 # the fuzzers' seed inputs in every build. Paths are relative to tests/.
-find_package(OpenSSL REQUIRED)
-find_package(Threads REQUIRED)
 
 # The fuzz targets' checks (fuzz/fuzz_checks.cpp) read their inputs with libFuzzer's
 # FuzzedDataProvider, a header that comes with clang's compiler-rt; it is copied alone into the
@@ -28,18 +26,17 @@ target_compile_definitions(quire_fuzz_corpus_test PRIVATE
 add_library(quire_hardening_support STATIC
   hardening/library_client.cpp
   hardening/operation_runner.cpp
-  hardening/raw_listener.cpp
 )
 quire_warnings(quire_hardening_support)
 target_include_directories(quire_hardening_support PUBLIC ${PROJECT_SOURCE_DIR})
 target_link_libraries(quire_hardening_support PUBLIC
-  quire kestrel GTest::gtest quire_test_certificates OpenSSL::SSL OpenSSL::Crypto Threads::Threads)
+  quire_test_support)
 
 quire_add_test(quire_security_test
   SOURCES hardening/security_test.cpp
   LIBS quire_hardening_support)
 
-if(TARGET quire_server_test_support)
+if(TARGET quire-server)
   add_library(quire_fault_matrix_support STATIC
     hardening/fault_emulator.cpp
     hardening/fault_matrix_test.cpp

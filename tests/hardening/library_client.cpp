@@ -6,7 +6,7 @@
 #include "kestrel/net/transport_registry.h"
 #include "quire/services/endpoints.h"
 
-namespace quire_hardening {
+namespace quire_test::hardening {
 
 kestrel::net::CurlTransportConfig LibraryClient::Config(const Options& options) {
   kestrel::net::CurlTransportConfig config;
@@ -77,4 +77,4 @@ LibraryClient::~LibraryClient() {
   delete transport_;
 }
 
-}  // namespace quire_hardening
+}  // namespace quire_test::hardening

@@ -19,7 +19,7 @@
 #include "quire/services/user_info_service.h"
 #include "quire/upload/connection_utils.h"
 
-namespace quire_hardening {
+namespace quire_test::hardening {
 
 inline constexpr char kToken[] = "quire-demo-token";
 inline constexpr char kAccount[] = "demo@quire.example";
@@ -70,4 +70,4 @@ class LibraryClient {
   kestrel::quire::ConnectionUtils* uploads_ = nullptr;
 };
 
-}  // namespace quire_hardening
+}  // namespace quire_test::hardening

@@ -2,12 +2,10 @@
 
 #include "quire/services/endpoints.h"
 
-namespace quire_hardening {
+namespace quire_test::hardening {
 namespace {
 
-using kestrel::quire::DocsEntry;
-using kestrel::quire::DocsFeed;
-using kestrel::quire::NetworkResponseInfo;
+using namespace kestrel::quire;  // NOLINT(build/namespaces): the library's classes and statuses
 
 void Record(const NetworkResponseInfo& info, Outcome* outcome) {
   ++outcome->calls;
@@ -34,23 +32,14 @@ void RecordEntry(const DocsEntry& entry, Outcome* outcome) {
 }  // namespace
 
 const char* OperationRunner::Name(Operation operation) {
-  switch (operation) {
-    case Operation::kGetUserEmail:
-      return "GetUserEmail";
-    case Operation::kGetFeed:
-      return "GetFeed";
-    case Operation::kGetEntryContent:
-      return "GetEntryContent";
-    case Operation::kCreateEntryWithContent:
-      return "CreateEntryWithContent";
-    case Operation::kModifyEntryContent:
-      return "ModifyEntryContent";
-    case Operation::kDeleteEntry:
-      return "DeleteEntry";
-    case Operation::kResumableUpload:
-      return "ResumableUpload";
-  }
-  return "?";
+  // In the order of the enumeration.
+  static const char* const kNames[] = {
+      "GetUserEmail",       "GetFeed",     "GetEntryContent", "CreateEntryWithContent",
+      "ModifyEntryContent", "DeleteEntry", "ResumableUpload"};
+  static_assert(sizeof(kNames) / sizeof(kNames[0]) ==
+                    static_cast<std::size_t>(Operation::kResumableUpload) + 1,
+                "a name for every value");
+  return kNames[static_cast<std::size_t>(operation)];
 }
 
 std::uint64_t OperationRunner::Hash(const char* data, std::size_t size) {
@@ -140,4 +129,4 @@ void OperationRunner::Start(Operation operation, LibraryClient* client, const Ta
   outcome->issuing = false;
 }
 
-}  // namespace quire_hardening
+}  // namespace quire_test::hardening

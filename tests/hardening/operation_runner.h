@@ -10,7 +10,7 @@
 
 #include "tests/hardening/library_client.h"
 
-namespace quire_hardening {
+namespace quire_test::hardening {
 
 enum class Operation {
   kGetUserEmail,
@@ -75,4 +75,4 @@ class OperationRunner {
   static std::uint64_t Hash(const char* data, std::size_t size);
 };
 
-}  // namespace quire_hardening
+}  // namespace quire_test::hardening

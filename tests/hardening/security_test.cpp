@@ -31,10 +31,10 @@
 #include "quire/services/content_download.h"
 #include "tests/hardening/library_client.h"
 #include "tests/hardening/operation_runner.h"
-#include "tests/hardening/raw_listener.h"
+#include "tests/support/raw_server.h"
 #include "tests/support/test_certificates.h"
 
-namespace quire_hardening {
+namespace quire_test::hardening {
 namespace {
 
 using kestrel::MainLoop;
@@ -137,8 +137,8 @@ class SecurityTest : public ::testing::Test {
   }
 
   // A listener speaking TLS with the service's certificate, answering `reply`.
-  static std::unique_ptr<RawListener> Service(const std::string& reply) {
-    return std::make_unique<RawListener>(reply, server_->certificate_file, server_->key_file);
+  static std::unique_ptr<RawServer> Service(const std::string& reply) {
+    return std::make_unique<RawServer>(reply, server_->certificate_file, server_->key_file);
   }
 
   // Options for a client that sends the service names to `port` and trusts the test authority.
@@ -227,11 +227,11 @@ void ExpectEmpty200Outcomes(const std::vector<Outcome>& outcomes) {
 // The witness works: clean requests of every operation arrive whole, with the token where the
 // library puts it.
 TEST_F(SecurityTest, CleanRequestsReachTheListener) {
-  auto listener = Service(RawListener::Answer(200));
+  auto listener = Service(RawServer::Answer(200));
   ASSERT_TRUE(listener->ok());
   const std::vector<Outcome> outcomes = RunAll(ClientFor(listener->port()), ServiceTargets());
   ExpectEmpty200Outcomes(outcomes);
-  EXPECT_EQ(listener->requests(), 7);
+  EXPECT_EQ(listener->answered(), 7);
   const std::string wire = listener->received();
   EXPECT_TRUE(WireIsClean(wire));
   std::size_t tokens = 0;
@@ -249,7 +249,7 @@ TEST_F(SecurityTest, CleanRequestsReachTheListener) {
 TEST_F(SecurityTest, LineBreakOrNulInTheTokenNeverReachesTheWire) {
   for (const QString& token : Hostile(QStringLiteral("token"))) {
     SCOPED_TRACE(token.toUtf8().toPercentEncoding().constData());
-    auto listener = Service(RawListener::Answer(200));
+    auto listener = Service(RawServer::Answer(200));
     ASSERT_TRUE(listener->ok());
     LibraryClient::Options options = ClientFor(listener->port());
     options.token = token;
@@ -263,7 +263,7 @@ TEST_F(SecurityTest, LineBreakOrNulInTheTokenNeverReachesTheWire) {
         EXPECT_EQ(outcomes[i].status, 2) << "refused before anything was sent";
       }
     }
-    EXPECT_EQ(listener->requests(), 1) << "only the user information request";
+    EXPECT_EQ(listener->answered(), 1) << "only the user information request";
     EXPECT_EQ(listener->connections(), 1);
     EXPECT_TRUE(WireIsClean(listener->received()));
     EXPECT_EQ(listener->received().find("token"), std::string::npos);
@@ -271,7 +271,7 @@ TEST_F(SecurityTest, LineBreakOrNulInTheTokenNeverReachesTheWire) {
 }
 
 TEST_F(SecurityTest, LineBreakOrNulInAHeaderLineNeverReachesTheWire) {
-  auto listener = Service(RawListener::Answer(200));
+  auto listener = Service(RawServer::Answer(200));
   ASSERT_TRUE(listener->ok());
   auto client = std::make_unique<LibraryClient>(ClientFor(listener->port()));
   const Targets targets = ServiceTargets();
@@ -300,7 +300,7 @@ TEST_F(SecurityTest, LineBreakOrNulInAHeaderLineNeverReachesTheWire) {
 }
 
 TEST_F(SecurityTest, LineBreakOrNulInAUrlNeverReachesTheWire) {
-  auto listener = Service(RawListener::Answer(200));
+  auto listener = Service(RawServer::Answer(200));
   ASSERT_TRUE(listener->ok());
   // Addresses the host hands in as QUrl: QUrl either refuses them or percent-encodes what does not
   // belong in a URL; either way no raw line break or NUL goes out.
@@ -342,13 +342,13 @@ TEST_F(SecurityTest, LineBreakOrNulInTheServersLocationNeverReachesTheWire) {
     const std::vector<Outcome> outcomes =
         Run(ClientFor(listener->port()), ServiceTargets(), {Operation::kResumableUpload});
     EXPECT_EQ(outcomes[0].status, 2);
-    EXPECT_EQ(listener->requests(), 1) << "the POST only";
+    EXPECT_EQ(listener->answered(), 1) << "the POST only";
     EXPECT_TRUE(WireIsClean(listener->received()));
   }
 }
 
 TEST_F(SecurityTest, OnlyHttpAndHttpsAreUsed) {
-  RawListener listener(RawListener::Answer(200));
+  RawServer listener(RawServer::Answer(200));
   ASSERT_TRUE(listener.ok());
   WatchedFile secret;
   ASSERT_TRUE(secret.ok());
@@ -389,13 +389,13 @@ TEST_F(SecurityTest, OnlyHttpAndHttpsAreUsed) {
 
 // A server cannot send the upload's chunks elsewhere by naming another scheme in Location.
 TEST_F(SecurityTest, UploadLocationWithAnotherSchemeIsNotUsed) {
-  RawListener elsewhere(RawListener::Answer(200));
+  RawServer elsewhere(RawServer::Answer(200));
   ASSERT_TRUE(elsewhere.ok());
   WatchedFile secret;
   ASSERT_TRUE(secret.ok());
   for (const std::string& location :
        {"ftp://127.0.0.1:" + std::to_string(elsewhere.port()) + "/s", "file://" + secret.path()}) {
-    auto listener = Service(RawListener::Answer(200, location));
+    auto listener = Service(RawServer::Answer(200, location));
     ASSERT_TRUE(listener->ok());
     const std::vector<Outcome> outcomes =
         Run(ClientFor(listener->port()), ServiceTargets(), {Operation::kResumableUpload});
@@ -407,7 +407,7 @@ TEST_F(SecurityTest, UploadLocationWithAnotherSchemeIsNotUsed) {
 }
 
 TEST_F(SecurityTest, RedirectsAreNotFollowed) {
-  RawListener target(RawListener::Answer(200));
+  RawServer target(RawServer::Answer(200));
   ASSERT_TRUE(target.ok());
   const std::string location = "http://127.0.0.1:" + std::to_string(target.port()) + "/stolen";
   // 302 and 308 are handed to the caller as they are; the other redirections are failures.
@@ -415,7 +415,7 @@ TEST_F(SecurityTest, RedirectsAreNotFollowed) {
   for (const auto& [code, status] : cases) {
     SCOPED_TRACE(code);
     for (const std::string& where : {location, std::string("/feeds/elsewhere")}) {
-      auto listener = Service(RawListener::Answer(code, where));
+      auto listener = Service(RawServer::Answer(code, where));
       ASSERT_TRUE(listener->ok());
       const std::vector<Outcome> outcomes = RunAll(ClientFor(listener->port()), ServiceTargets());
       for (std::size_t i = 0; i < outcomes.size(); ++i) {
@@ -426,7 +426,7 @@ TEST_F(SecurityTest, RedirectsAreNotFollowed) {
         EXPECT_EQ(outcomes[i].entries, 0u);
         EXPECT_TRUE(outcomes[i].entry_id.isEmpty());
       }
-      EXPECT_EQ(listener->requests(), 7) << "one request per operation, none to the Location";
+      EXPECT_EQ(listener->answered(), 7) << "one request per operation, none to the Location";
     }
   }
   EXPECT_EQ(target.connections(), 0);
@@ -445,7 +445,7 @@ TEST_F(SecurityTest, AnswerCutInsideItsHeaderIsAFailure) {
       EXPECT_EQ(outcomes[i].status, 2) << OperationRunner::Name(kAllOperations[i]);
       EXPECT_EQ(outcomes[i].request_id, outcomes[i].issued_id);
     }
-    EXPECT_EQ(listener->requests(), 7);
+    EXPECT_EQ(listener->answered(), 7);
   }
 }
 
@@ -462,7 +462,7 @@ TEST_F(SecurityTest, CertificatesThatDoNotVerifyFailWithStatus2) {
        {&untrusted, &expired, &not_yet_valid, &wrong_host}) {
     SCOPED_TRACE(server->certificate_file);
     ASSERT_FALSE(server->certificate_file.empty());
-    RawListener listener(RawListener::Answer(200), server->certificate_file, server->key_file);
+    RawServer listener(RawServer::Answer(200), server->certificate_file, server->key_file);
     ASSERT_TRUE(listener.ok());
     // The client trusts the authority that signed the expired and wrong-host certificates.
     const std::vector<Outcome> outcomes = RunAll(ClientFor(listener.port()), ServiceTargets());
@@ -470,7 +470,7 @@ TEST_F(SecurityTest, CertificatesThatDoNotVerifyFailWithStatus2) {
       EXPECT_EQ(outcomes[i].status, 2) << OperationRunner::Name(kAllOperations[i]);
     }
     EXPECT_GT(listener.connections(), 0) << "the handshake was tried";
-    EXPECT_EQ(listener.requests(), 0);
+    EXPECT_EQ(listener.answered(), 0);
     EXPECT_TRUE(listener.received().empty()) << "nothing of a request was sent";
   }
 }
@@ -490,19 +490,19 @@ TEST_F(SecurityTest, ExplicitTrustLetsACertificateThrough) {
   for (const Case& trust : {Case{&untrusted, true, false}, Case{&untrusted, false, true},
                             Case{&expired, false, true}, Case{&wrong_host, false, true}}) {
     SCOPED_TRACE(trust.server->certificate_file);
-    RawListener listener(RawListener::Answer(200), trust.server->certificate_file,
-                         trust.server->key_file);
+    RawServer listener(RawServer::Answer(200), trust.server->certificate_file,
+                       trust.server->key_file);
     ASSERT_TRUE(listener.ok());
     LibraryClient::Options options = ClientFor(listener.port());
     if (trust.trust_the_file) options.trusted_files = {trust.server->certificate_file};
     options.insecure = trust.insecure;
     ExpectEmpty200Outcomes(RunAll(options, ServiceTargets()));
-    EXPECT_EQ(listener.requests(), 7);
+    EXPECT_EQ(listener.answered(), 7);
   }
 }
 
 TEST_F(SecurityTest, XmlExternalEntitiesAreNeverResolved) {
-  RawListener probe(RawListener::Answer(200));
+  RawServer probe(RawServer::Answer(200));
   ASSERT_TRUE(probe.ok());
   WatchedFile secret;
   ASSERT_TRUE(secret.ok());
@@ -521,7 +521,7 @@ TEST_F(SecurityTest, XmlExternalEntitiesAreNeverResolved) {
   };
   for (const std::string& document : documents) {
     SCOPED_TRACE(document);
-    auto listener = Service(RawListener::AnswerWithBody("application/atom+xml", document));
+    auto listener = Service(RawServer::AnswerWithBody("application/atom+xml", document));
     ASSERT_TRUE(listener->ok());
     const std::vector<Outcome> outcomes =
         Run(ClientFor(listener->port()), ServiceTargets(),
@@ -645,4 +645,4 @@ TEST_F(SecurityTest, StreamingDownloadRefusesAnswersThatContradictTheRequest) {
 }
 
 }  // namespace
-}  // namespace quire_hardening
+}  // namespace quire_test::hardening

@@ -17,33 +17,24 @@
 #include "quire/upload/resumable_uploader.h"
 #include "tests/hardening/fault_emulator.h"
 #include "tests/hardening/library_client.h"
-#include "tests/tools/quire-server/atom_view.h"
-#include "tests/tools/quire-server/http_client.h"
+#include "tests/support/atom_view.h"
+#include "tests/support/data_pattern.h"
+#include "tests/support/http_client.h"
 
-namespace quire_hardening {
+namespace quire_test::hardening {
 namespace {
 
-using kestrel::quire::NetworkResponseInfo;
-using kestrel::quire::ResumableUploader;
-using kestrel::quire::RetryPolicy;
+using namespace kestrel::quire;  // NOLINT(build/namespaces): the library's classes and statuses
 
 constexpr int kUploads = 20;
 constexpr std::int64_t kMaxSize = 64 << 20;
 constexpr std::uint32_t kMinChunk = 256 << 10;
 constexpr std::uint32_t kMaxChunk = 8 << 20;
 
-// `size` bytes of a xorshift stream seeded with `seed`, eight at a time.
+// `size` bytes of the data pattern's stream numbered `seed`.
 std::string SeededBytes(std::int64_t size, std::uint64_t seed) {
   std::string bytes(static_cast<std::size_t>(size), '\0');
-  std::uint64_t state = seed * 0x9e3779b97f4a7c15ull | 1;
-  for (std::size_t at = 0; at < bytes.size(); at += 8) {
-    state ^= state << 13;
-    state ^= state >> 7;
-    state ^= state << 17;
-    for (std::size_t i = 0; i < 8 && at + i < bytes.size(); ++i) {
-      bytes[at + i] = static_cast<char>(state >> (8 * i));
-    }
-  }
+  quire_test::FillPattern(&bytes[0], quire_test::PatternStream(seed), bytes.size());
   return bytes;
 }
 
@@ -58,7 +49,7 @@ TEST(UploadChaosTest, TwentyUploadsUnderTenPercentFailuresEndByteIdentical) {
   FaultEmulator emulator;
   ASSERT_TRUE(emulator.Start({"--fault-fail-percent", "5", "--fault-cut-percent", "5",
                               "--fault-retry-after", "0", "--fault-seed", "1307"}));
-  quire_server_test::TempDir files;
+  quire_test::TempDir files;
   std::mt19937_64 random(20261123);
   std::vector<Upload> uploads(kUploads);
   int retries = 0;
@@ -78,7 +69,7 @@ TEST(UploadChaosTest, TwentyUploadsUnderTenPercentFailuresEndByteIdentical) {
       upload.size = std::uniform_int_distribution<std::int64_t>(1, kMaxSize)(random);
       upload.chunk = std::uniform_int_distribution<std::uint32_t>(kMinChunk, kMaxChunk)(random);
       const std::string bytes = SeededBytes(upload.size, static_cast<std::uint64_t>(i) + 1);
-      upload.sha256 = quire_server_test::Sha256Hex(bytes);
+      upload.sha256 = quire_test::Sha256Hex(bytes);
       const QString path = QString::fromStdString(files.path() + "/" + std::to_string(i) + ".bin");
       {
         QFile file(path);
@@ -105,7 +96,7 @@ TEST(UploadChaosTest, TwentyUploadsUnderTenPercentFailuresEndByteIdentical) {
       ASSERT_EQ(status, 0) << "upload " << i << " of " << upload.size << " bytes in chunks of "
                            << upload.chunk << ": error " << uploader.error();
       retries += uploader.progress().retries;
-      const quire_server_test::EntryView view = quire_server_test::AtomView::ParseEntry(entry);
+      const quire_test::EntryView view = quire_test::AtomView::ParseEntry(entry);
       ASSERT_TRUE(view.parsed) << entry;
       upload.content_src = view.content_src;
       QFile::remove(path);
@@ -117,16 +108,16 @@ TEST(UploadChaosTest, TwentyUploadsUnderTenPercentFailuresEndByteIdentical) {
   std::cout << "chaos: " << kUploads << " uploads, " << retries << " retries" << std::endl;
 
   ASSERT_TRUE(emulator.Start({}));
-  quire_server_test::HttpClient http(emulator.port(), emulator.certificate_file());
+  quire_test::HttpClient http(emulator.port(), emulator.certificate_file());
   for (int i = 0; i < kUploads; ++i) {
-    const quire_server_test::HttpResult got =
+    const quire_test::HttpResult got =
         http.Send("GET", uploads[i].content_src,
                   {"Quire-Version: 3.0", std::string("Authorization: Bearer ") + kToken});
     ASSERT_EQ(got.status, 200) << i;
     EXPECT_EQ(static_cast<std::int64_t>(got.body.size()), uploads[i].size) << i;
-    EXPECT_EQ(quire_server_test::Sha256Hex(got.body), uploads[i].sha256) << i;
+    EXPECT_EQ(quire_test::Sha256Hex(got.body), uploads[i].sha256) << i;
   }
 }
 
 }  // namespace
-}  // namespace quire_hardening
+}  // namespace quire_test::hardening

@@ -122,4 +122,9 @@ TestCertificates::Server TestCertificates::Make(const std::string& name,
   return server;
 }
 
+TestCertificates::Server TestCertificates::MakeLocal() {
+  return Make("server", "DNS:localhost,DNS:docs.quire.example,DNS:api.quire.example,IP:127.0.0.1",
+              -3600, 30L * 24 * 3600, false);
+}
+
 }  // namespace quire_test

@@ -27,6 +27,10 @@ class TestCertificates {
   // `not_after` seconds from now, signed by the authority or, when `self_signed`, by itself.
   Server Make(const std::string& name, const std::string& alt_names, long not_before,
               long not_after, bool self_signed);
+  // The usual server certificate of a local test server: named "server", for localhost,
+  // docs.quire.example, api.quire.example and 127.0.0.1, valid from an hour ago for 30 days,
+  // signed by the authority.
+  Server MakeLocal();
 
  private:
   bool ok_ = false;

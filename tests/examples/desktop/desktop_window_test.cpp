@@ -27,23 +27,14 @@
 #include "quire/services/docs_service.h"
 #include "tests/hardening/fault_emulator.h"
 #include "tests/quire/qt/qt_test_app.h"
+#include "tests/support/data_pattern.h"
 
 namespace {
 
-using desktop_example::MainWindow;
-using quire_qt_test::RunQtLoop;
+using quire_test::PatternBytes;
 
-QByteArray Pattern(int size, int seed) {
-  QByteArray bytes(size, '\0');
-  std::uint32_t state = 2463534242u + static_cast<std::uint32_t>(seed);
-  for (int i = 0; i < size; ++i) {
-    state ^= state << 13;
-    state ^= state >> 17;
-    state ^= state << 5;
-    bytes[i] = static_cast<char>(state);
-  }
-  return bytes;
-}
+using desktop_example::MainWindow;
+using quire_test::qt::RunQtLoop;
 
 class DesktopWindowTest : public ::testing::Test {
  protected:
@@ -104,7 +95,7 @@ class DesktopWindowTest : public ::testing::Test {
   }
 
   QTemporaryDir dir_;
-  quire_hardening::FaultEmulator emulator_;
+  quire_test::hardening::FaultEmulator emulator_;
   std::unique_ptr<kestrel::quire::QtEventLoopDriver> driver_;
 };
 
@@ -117,7 +108,7 @@ TEST_F(DesktopWindowTest, ListUploadCancelDownloadDelete) {
   EXPECT_EQ(window->table()->rowCount(), 0);
 
   // Upload by dropping a file: the progress bar moves as the bytes leave and reaches the end.
-  const QByteArray report = Pattern(3 * 1024 * 1024 + 123, 1);
+  const QByteArray report = PatternBytes(3 * 1024 * 1024 + 123, 1);
   Drop(window.get(), WriteFile("report.bin", report));
   EXPECT_TRUE(window->uploading());
   ASSERT_TRUE(RunQtLoop([&] { return !window->busy() && window->table()->rowCount() == 1; }, 60.0))
@@ -130,7 +121,7 @@ TEST_F(DesktopWindowTest, ListUploadCancelDownloadDelete) {
   // A second, larger upload. While it runs the window keeps handling events: a timer keeps
   // firing, and a click on Refresh gets its list back before the upload ends. The file is read as
   // the upload goes, so the bar moves many times per chunk-sized step of the file.
-  const QByteArray big = Pattern(48 * 1024 * 1024, 2);
+  const QByteArray big = PatternBytes(48 * 1024 * 1024, 2);
   const QString big_path = WriteFile("big.bin", big);
   int ticks = 0;
   QTimer ticker;
@@ -198,7 +189,7 @@ TEST_F(DesktopWindowTest, ListUploadCancelDownloadDelete) {
     other.SetOAuth2AuthToken(QStringLiteral("quire-demo-token"));
     const MainWindow::Document& listed = window->documents()[0];
     int status = -1;
-    other.ModifyEntryContent(listed.edit_link, QStringLiteral("text/plain"), Pattern(10, 3),
+    other.ModifyEntryContent(listed.edit_link, QStringLiteral("text/plain"), PatternBytes(10, 3),
                              [&](kestrel::quire::NetworkResponseInfo info,
                                  const kestrel::quire::DocsEntry&) { status = info.status; });
     ASSERT_TRUE(RunQtLoop([&] { return status != -1; }, 30.0));
@@ -244,14 +235,14 @@ TEST_F(DesktopWindowTest, UnusableOrChangingFileIsNotUploaded) {
   EXPECT_TRUE(window->message_text().contains(QLatin1String("nothing to upload")))
       << window->message_text().toStdString();
 
-  const QString path = WriteFile("growing.log", Pattern(24 * 1024 * 1024, 4));
+  const QString path = WriteFile("growing.log", PatternBytes(24 * 1024 * 1024, 4));
   window->UploadFile(path);
   ASSERT_TRUE(RunQtLoop([&] { return window->progress()->value() >= 100; }, 60.0));
   ASSERT_TRUE(window->uploading()) << "the upload ended before the file could change";
   {
     QFile file(path);
     ASSERT_TRUE(file.open(QIODevice::Append));
-    ASSERT_EQ(file.write(Pattern(4096, 5)), 4096);
+    ASSERT_EQ(file.write(PatternBytes(4096, 5)), 4096);
   }
   ASSERT_TRUE(RunQtLoop([&] { return !window->uploading(); }, 60.0));
   EXPECT_TRUE(window->message_text().contains(QLatin1String("changed while it was being uploaded")))
@@ -272,7 +263,7 @@ TEST_F(DesktopWindowTest, TransientFailuresAreRetried) {
       RunQtLoop([&] { return !window->busy() && window->account_text().contains('@'); }, 30.0))
       << window->account_text().toStdString() << " / " << window->message_text().toStdString();
   EXPECT_TRUE(window->message_text().isEmpty()) << window->message_text().toStdString();
-  const QByteArray notes = Pattern(300 * 1024, 6);
+  const QByteArray notes = PatternBytes(300 * 1024, 6);
   window->UploadFile(WriteFile("notes.bin", notes));
   ASSERT_TRUE(RunQtLoop([&] { return !window->busy() && window->table()->rowCount() == 1; }, 60.0))
       << window->message_text().toStdString();

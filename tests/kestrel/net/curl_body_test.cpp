@@ -6,16 +6,11 @@
 #include "kestrel/net/connection_manager.h"
 #include "kestrel/net/network_status.h"
 #include "kestrel/net/server_info.h"
-#include "tests/kestrel/net/curl_test_pattern.h"
 #include "tests/kestrel/net/curl_test_support.h"
+#include "tests/support/data_pattern.h"
 
-namespace curl_test {
+namespace quire_test::curl {
 namespace {
-
-using kestrel::net::ConnectionManager;
-using kestrel::net::HttpRequest;
-using kestrel::net::NetworkRequest;
-using kestrel::net::ServerInfo;
 
 constexpr std::size_t kLarge = std::size_t{200} * 1024 * 1024;
 // How long a download or upload may take: generous, because under ThreadSanitizer, with another
@@ -106,4 +101,4 @@ TEST_F(CurlBodyTest, ResponseWithoutBodyHasNoBuffer) {
 }
 
 }  // namespace
-}  // namespace curl_test
+}  // namespace quire_test::curl

@@ -13,19 +13,13 @@
 #include "kestrel/net/network_status.h"
 #include "kestrel/net/server_info.h"
 #include "quire/connection/connection.h"
-#include "tests/kestrel/net/curl_test_pattern.h"
 #include "tests/kestrel/net/curl_test_support.h"
+#include "tests/support/data_pattern.h"
 
-namespace curl_test {
+namespace quire_test::curl {
 namespace {
 
-using kestrel::net::ConnectionManager;
-using kestrel::net::HttpRequest;
-using kestrel::net::NetworkRequest;
-using kestrel::net::ServerInfo;
 using kestrel::net::TransferProgress;
-namespace status = kestrel::net::status;
-using Reply = CurlRawServer::Reply;
 
 // Records completion and every progress report; cancels its own request after the first report
 // when asked to.
@@ -85,8 +79,8 @@ class CurlCancelTest : public CurlTest {
 };
 
 TEST_F(CurlCancelTest, CancellingARequestThatGetsNoAnswerEndsItAtOnce) {
-  CurlRawServer raw(certificates().certificate_file(), certificates().key_file(),
-                    {{"", Reply::kDrain}});
+  RawServer raw(server_certificate().certificate_file, server_certificate().key_file,
+                {{"", Reply::kDrain}});
   ASSERT_TRUE(raw.ok());
   MapDocsTo(raw.port());
   ConnectionManager manager(4, 2, true, 60.0, 60);
@@ -146,8 +140,8 @@ TEST_F(CurlCancelTest, CancellingInTheMiddleOfTheBodyDropsWhatArrived) {
   std::string part(300 * 1024, '\0');
   FillPattern(&part[0], 0, part.size());
   reply += part;
-  CurlRawServer raw(certificates().certificate_file(), certificates().key_file(),
-                    {{reply, Reply::kDrain}});
+  RawServer raw(server_certificate().certificate_file, server_certificate().key_file,
+                {{reply, Reply::kDrain}});
   ASSERT_TRUE(raw.ok());
   MapDocsTo(raw.port());
   ConnectionManager manager(4, 2, true, 60.0, 60);
@@ -171,8 +165,8 @@ TEST_F(CurlCancelTest, CancellingInTheMiddleOfTheBodyDropsWhatArrived) {
 
 TEST_F(CurlCancelTest, CancellingAnUploadInTheMiddleOfItsBody) {
   // The server reads the request head and nothing more: the body fills the socket buffers.
-  CurlRawServer raw(certificates().certificate_file(), certificates().key_file(),
-                    {{"", Reply::kDrain}});
+  RawServer raw(server_certificate().certificate_file, server_certificate().key_file,
+                {{"", Reply::kDrain}});
   ASSERT_TRUE(raw.ok());
   MapDocsTo(raw.port());
   ConnectionManager manager(4, 2, true, 60.0, 60);
@@ -236,8 +230,8 @@ TEST_F(CurlCancelTest, ProgressOfAnUploadAndADownloadMovesForwardWithoutFlooding
 }
 
 TEST_F(CurlCancelTest, ConnectionAbortStopsARequestAndTellsTheCode) {
-  CurlRawServer raw(certificates().certificate_file(), certificates().key_file(),
-                    {{"", Reply::kDrain}});
+  RawServer raw(server_certificate().certificate_file, server_certificate().key_file,
+                {{"", Reply::kDrain}});
   ASSERT_TRUE(raw.ok());
   MapDocsTo(raw.port());
   auto connection = MakeConnection();
@@ -275,4 +269,4 @@ TEST_F(CurlCancelTest, ConnectionAbortStopsARequestAndTellsTheCode) {
 }
 
 }  // namespace
-}  // namespace curl_test
+}  // namespace quire_test::curl

@@ -14,14 +14,8 @@
 #include "kestrel/net/transport_registry.h"
 #include "tests/kestrel/net/curl_test_support.h"
 
-namespace curl_test {
+namespace quire_test::curl {
 namespace {
-
-using kestrel::net::ConnectionManager;
-using kestrel::net::HttpRequest;
-using kestrel::net::NetworkRequest;
-using kestrel::net::ServerInfo;
-using Reply = CurlRawServer::Reply;
 
 class CurlConnectionTest : public CurlTest {};
 
@@ -61,8 +55,8 @@ TEST_F(CurlConnectionTest, IdleConnectionClosedByTheServerDoesNotFailTheNextRequ
   // The server answers on a keep-alive connection and then drops it while it is idle, as servers
   // do after a few idle seconds.
   const std::string ok = "HTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\nok";
-  CurlRawServer raw(certificates().certificate_file(), certificates().key_file(),
-                    {{ok, Reply::kClose}, {ok, Reply::kClose}, {ok, Reply::kKeepOpen}});
+  RawServer raw(server_certificate().certificate_file, server_certificate().key_file,
+                {{ok, Reply::kClose}, {ok, Reply::kClose}, {ok, Reply::kKeepOpen}});
   ASSERT_TRUE(raw.ok());
   MapDocsTo(raw.port());
 
@@ -155,7 +149,7 @@ TEST_F(CurlConnectionTest, ConfigurationIsCheckedBeforeItIsTaken) {
   missing_file.extra_ca_certificate_files.push_back(QStringLiteral("/nonexistent/ca.pem"));
   EXPECT_FALSE(transport_->Configure(missing_file));
   kestrel::net::CurlTransportConfig not_pem = TestConfig();
-  not_pem.extra_ca_certificate_files = {QString::fromStdString(certificates().key_file())};
+  not_pem.extra_ca_certificate_files = {QString::fromStdString(server_certificate().key_file)};
   EXPECT_FALSE(transport_->Configure(not_pem));
   kestrel::net::CurlTransportConfig bad_port = TestConfig();
   bad_port.host_mappings.push_back({QStringLiteral("x.example"), QStringLiteral("127.0.0.1"), 0});
@@ -172,4 +166,4 @@ TEST(CurlBuiltInTest, BuiltInTransportIsTheCurlTransport) {
 }
 
 }  // namespace
-}  // namespace curl_test
+}  // namespace quire_test::curl

@@ -16,18 +16,11 @@
 #include "kestrel/net/network_status.h"
 #include "kestrel/net/server_info.h"
 #include "kestrel/net/transport_registry.h"
-#include "tests/kestrel/net/curl_test_pattern.h"
 #include "tests/kestrel/net/curl_test_support.h"
+#include "tests/support/data_pattern.h"
 
-namespace curl_test {
+namespace quire_test::curl {
 namespace {
-
-using kestrel::net::ConnectionManager;
-using kestrel::net::HttpRequest;
-using kestrel::net::NetworkRequest;
-using kestrel::net::ServerInfo;
-namespace status = kestrel::net::status;
-using Reply = CurlRawServer::Reply;
 
 // A TCP socket on 127.0.0.1 that is bound (and, when `listen` is set, listening) but never accepts.
 class Socket {
@@ -165,8 +158,8 @@ TEST_F(CurlFailureTest, ABrokenHandshakeIsATlsFailureNotARefusedCertificate) {
 }
 
 TEST_F(CurlFailureTest, NoAnswerTimesOut) {
-  CurlRawServer raw(certificates().certificate_file(), certificates().key_file(),
-                    {{"", Reply::kHang}});
+  RawServer raw(server_certificate().certificate_file, server_certificate().key_file,
+                {{"", Reply::kHang}});
   ASSERT_TRUE(raw.ok());
   MapDocsTo(raw.port());
   const auto started = std::chrono::steady_clock::now();
@@ -199,9 +192,9 @@ TEST_F(CurlFailureTest, ServerClosingMidBody) {
 }
 
 TEST_F(CurlFailureTest, RawServerClosingMidBodyKeepsHeadersAndBytes) {
-  CurlRawServer raw(certificates().certificate_file(), certificates().key_file(),
-                    {{"HTTP/1.1 200 OK\r\nX-Part: 1\r\nContent-Length: 100000\r\n\r\nfirst bytes",
-                      Reply::kClose}});
+  RawServer raw(server_certificate().certificate_file, server_certificate().key_file,
+                {{"HTTP/1.1 200 OK\r\nX-Part: 1\r\nContent-Length: 100000\r\n\r\nfirst bytes",
+                  Reply::kClose}});
   ASSERT_TRUE(raw.ok());
   MapDocsTo(raw.port());
   const Outcome outcome = Fetch(kestrel::quire::kMethodGet, DocsUrl(QStringLiteral("/x")));
@@ -237,8 +230,8 @@ TEST_F(CurlFailureTest, UrlsThatDoNotParseOrUseOtherSchemesAreNotSent) {
 }
 
 TEST_F(CurlFailureTest, DestroyingTheTransportFailsEveryRequestInFlightOnce) {
-  CurlRawServer raw(certificates().certificate_file(), certificates().key_file(),
-                    {{"", Reply::kHang}});
+  RawServer raw(server_certificate().certificate_file, server_certificate().key_file,
+                {{"", Reply::kHang}});
   ASSERT_TRUE(raw.ok());
   MapDocsTo(raw.port());
   auto connection = MakeConnection();
@@ -262,4 +255,4 @@ TEST_F(CurlFailureTest, DestroyingTheTransportFailsEveryRequestInFlightOnce) {
 }
 
 }  // namespace
-}  // namespace curl_test
+}  // namespace quire_test::curl

@@ -14,22 +14,17 @@
 #include "kestrel/net/server_info.h"
 #include "tests/kestrel/net/curl_test_support.h"
 
-namespace curl_test {
+namespace quire_test::curl {
 namespace {
 
-using kestrel::net::ConnectionManager;
-using kestrel::net::HttpRequest;
-using kestrel::net::NetworkRequest;
 using kestrel::net::RequestHeaderList;
-using kestrel::net::ServerInfo;
-using Reply = CurlRawServer::Reply;
 
 class CurlHeadersTest : public CurlTest {
  protected:
   // A raw TLS server with `replies`, reachable as https://docs.quire.example.
-  std::unique_ptr<CurlRawServer> StartRaw(std::vector<Reply> replies) {
-    auto raw = std::make_unique<CurlRawServer>(certificates().certificate_file(),
-                                               certificates().key_file(), std::move(replies));
+  std::unique_ptr<RawServer> StartRaw(std::vector<Reply> replies) {
+    auto raw = std::make_unique<RawServer>(server_certificate().certificate_file,
+                                           server_certificate().key_file, std::move(replies));
     EXPECT_TRUE(raw->ok());
     MapDocsTo(raw->port());
     return raw;
@@ -134,7 +129,7 @@ TEST_F(CurlHeadersTest, ConnectionLinesGoOutWholeAndInOrder) {
 
 // Issues a GET straight through a manager with the given default-header choice and returns the
 // lines the server received.
-std::vector<std::string> SentWithDefaults(CurlHeadersTest* test, CurlRawServer* raw,
+std::vector<std::string> SentWithDefaults(CurlHeadersTest* test, RawServer* raw,
                                           NetworkRequest::Info::DefaultHeaders defaults,
                                           const QString& url) {
   ConnectionManager manager(4, 2, true, 60.0, 60);
@@ -232,4 +227,4 @@ TEST_F(CurlHeadersTest, RefusedLineGivesTheInvalidRequestCode) {
 }
 
 }  // namespace
-}  // namespace curl_test
+}  // namespace quire_test::curl

@@ -14,14 +14,9 @@
 #include "tests/kestrel/net/curl_test_support.h"
 #include "tests/support/proxy_server.h"
 
-namespace curl_test {
+namespace quire_test::curl {
 namespace {
 
-namespace status = kestrel::net::status;
-using kestrel::net::ConnectionManager;
-using kestrel::net::HttpRequest;
-using kestrel::net::NetworkRequest;
-using kestrel::net::ServerInfo;
 using quire_test::ProxyServer;
 
 class CurlProxyTest : public CurlTest {
@@ -195,4 +190,4 @@ TEST_F(CurlProxyTest, ConfigureRefusesAMalformedProxy) {
 }
 
 }  // namespace
-}  // namespace curl_test
+}  // namespace quire_test::curl

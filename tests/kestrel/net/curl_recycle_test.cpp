@@ -11,10 +11,10 @@
 #include "kestrel/base/main_loop.h"
 #include "kestrel/base/memory_manager.h"
 #include "kestrel/net/transport_registry.h"
-#include "tests/kestrel/net/curl_test_pattern.h"
 #include "tests/kestrel/net/curl_test_support.h"
+#include "tests/support/data_pattern.h"
 
-namespace curl_test {
+namespace quire_test::curl {
 namespace {
 
 constexpr std::size_t kMiB = 1024 * 1024;
@@ -165,4 +165,4 @@ TEST_F(CurlRecycleTest, BodyThatOutlivesTheTransportIsFreedWithTheRequest) {
 }
 
 }  // namespace
-}  // namespace curl_test
+}  // namespace quire_test::curl

@@ -11,17 +11,13 @@
 #include "kestrel/net/network_status.h"
 #include "kestrel/net/response_sink.h"
 #include "kestrel/net/server_info.h"
-#include "tests/kestrel/net/curl_test_pattern.h"
 #include "tests/kestrel/net/curl_test_support.h"
+#include "tests/support/data_pattern.h"
 
-namespace curl_test {
+namespace quire_test::curl {
 namespace {
 
-using kestrel::net::ConnectionManager;
-using kestrel::net::HttpRequest;
-using kestrel::net::NetworkRequest;
 using kestrel::net::ResponseSink;
-using kestrel::net::ServerInfo;
 
 class CurlSinkTest : public CurlTest {
  protected:
@@ -124,4 +120,4 @@ TEST_F(CurlSinkTest, StopWhileThePausedTransferWaitsEndsIt) {
 }
 
 }  // namespace
-}  // namespace curl_test
+}  // namespace quire_test::curl

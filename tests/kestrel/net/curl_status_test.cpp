@@ -11,13 +11,8 @@
 #include "kestrel/net/server_info.h"
 #include "tests/kestrel/net/curl_test_support.h"
 
-namespace curl_test {
+namespace quire_test::curl {
 namespace {
-
-using kestrel::net::ConnectionManager;
-using kestrel::net::HttpRequest;
-using kestrel::net::NetworkRequest;
-using kestrel::net::ServerInfo;
 
 class CurlStatusTest : public CurlTest {};
 
@@ -86,4 +81,4 @@ TEST_F(CurlStatusTest, RedirectIsHandedBackWithItsLocation) {
 }
 
 }  // namespace
-}  // namespace curl_test
+}  // namespace quire_test::curl

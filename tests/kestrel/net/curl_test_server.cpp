@@ -10,9 +10,9 @@
 #include <chrono>
 #include <vector>
 
-#include "tests/kestrel/net/curl_test_pattern.h"
+#include "tests/support/data_pattern.h"
 
-namespace curl_test {
+namespace quire_test::curl {
 namespace {
 
 constexpr std::size_t kChunk = 256 * 1024;
@@ -148,4 +148,4 @@ std::string CurlTestServer::last_path() const {
   return last_path_;
 }
 
-}  // namespace curl_test
+}  // namespace quire_test::curl

@@ -22,7 +22,7 @@ namespace httplib {
 class Server;
 }
 
-namespace curl_test {
+namespace quire_test::curl {
 
 class CurlTestServer {
  public:
@@ -55,4 +55,4 @@ class CurlTestServer {
   std::string last_path_;
 };
 
-}  // namespace curl_test
+}  // namespace quire_test::curl

@@ -7,9 +7,10 @@
 #include "kestrel/base/memory_manager.h"
 #include "kestrel/net/transport_registry.h"
 
-namespace curl_test {
+namespace quire_test::curl {
 
-CurlTestCertificates* CurlTest::certificates_ = nullptr;
+TestCertificates* CurlTest::certificates_ = nullptr;
+TestCertificates::Server CurlTest::server_certificate_;
 
 void RecordingCallback::OnRequestComplete(kestrel::net::NetworkRequest* request) {
   ++calls;
@@ -29,20 +30,23 @@ void RecordingCallback::OnRequestComplete(kestrel::net::NetworkRequest* request)
 void CurlTest::SetUpTestSuite() {
   // The servers write to sockets that clients may have closed.
   std::signal(SIGPIPE, SIG_IGN);
-  certificates_ = new CurlTestCertificates();
+  certificates_ = new TestCertificates();
+  server_certificate_ = certificates_->MakeLocal();
 }
 
 void CurlTest::TearDownTestSuite() {
   delete certificates_;
   certificates_ = nullptr;
+  server_certificate_ = TestCertificates::Server();
 }
 
 void CurlTest::SetUp() {
-  ASSERT_TRUE(certificates_->ok()) << "could not make the test certificates";
+  ASSERT_TRUE(certificates_->ok() && !server_certificate_.certificate_file.empty())
+      << "could not make the test certificates";
   kestrel::MainLoop::Default()->RunUntilIdle();
   live_at_start_ = kestrel::MemoryManager::Default()->live_allocations();
-  server_ = std::make_unique<CurlTestServer>(certificates_->certificate_file(),
-                                             certificates_->key_file());
+  server_ = std::make_unique<CurlTestServer>(server_certificate_.certificate_file,
+                                             server_certificate_.key_file);
   ASSERT_TRUE(server_->ok()) << "the fixture server did not start";
   transport_ = new kestrel::net::CurlTransport();
   ASSERT_TRUE(transport_->Configure(TestConfig()));
@@ -69,7 +73,8 @@ void CurlTest::TearDown() {
 
 kestrel::net::CurlTransportConfig CurlTest::TestConfig() const {
   kestrel::net::CurlTransportConfig config;
-  config.extra_ca_certificate_files.push_back(QString::fromStdString(certificates_->ca_file()));
+  config.extra_ca_certificate_files.push_back(
+      QString::fromStdString(certificates_->authority_file()));
   for (const char* host : {"docs.quire.example", "api.quire.example"}) {
     config.host_mappings.push_back({QString::fromLatin1(host), QStringLiteral("127.0.0.1"),
                                     server_ != nullptr ? server_->port() : 1});
@@ -143,4 +148,4 @@ QString CurlTest::LocalUrl(const QString& scheme, int port, const QString& path)
   return QStringLiteral("%1://127.0.0.1:%2%3").arg(scheme).arg(port).arg(path);
 }
 
-}  // namespace curl_test
+}  // namespace quire_test::curl

@@ -13,14 +13,26 @@
 #include <memory>
 #include <vector>
 
+#include "kestrel/net/connection_manager.h"
 #include "kestrel/net/curl_transport.h"
+#include "kestrel/net/http_request.h"
 #include "kestrel/net/network_request.h"
+#include "kestrel/net/network_status.h"
+#include "kestrel/net/server_info.h"
 #include "quire/connection/connection.h"
-#include "tests/kestrel/net/curl_raw_server.h"
-#include "tests/kestrel/net/curl_test_certificates.h"
 #include "tests/kestrel/net/curl_test_server.h"
+#include "tests/support/raw_server.h"
+#include "tests/support/test_certificates.h"
 
-namespace curl_test {
+namespace quire_test::curl {
+
+// The network layer's names that the transport's tests use throughout.
+using kestrel::net::ConnectionManager;
+using kestrel::net::HttpRequest;
+using kestrel::net::NetworkRequest;
+using kestrel::net::ServerInfo;
+namespace status = kestrel::net::status;
+using Reply = RawServer::Reply;
 
 // What a Connection callback received.
 struct Outcome {
@@ -52,7 +64,10 @@ class CurlTest : public ::testing::Test {
   void SetUp() override;
   void TearDown() override;
 
-  static const CurlTestCertificates& certificates() { return *certificates_; }
+  // The test authority, and the fixture server's certificate signed by it for localhost,
+  // docs.quire.example, api.quire.example and 127.0.0.1.
+  static const TestCertificates& certificates() { return *certificates_; }
+  static const TestCertificates::Server& server_certificate() { return server_certificate_; }
   // The configuration the fixture's transport starts with.
   kestrel::net::CurlTransportConfig TestConfig() const;
   // Points the fixture's host mappings at a server of the test's own on 127.0.0.1:`port` (and
@@ -83,8 +98,9 @@ class CurlTest : public ::testing::Test {
   std::unique_ptr<CurlTestServer> server_;
 
  private:
-  static CurlTestCertificates* certificates_;
+  static TestCertificates* certificates_;
+  static TestCertificates::Server server_certificate_;
   long live_at_start_ = 0;
 };
 
-}  // namespace curl_test
+}  // namespace quire_test::curl

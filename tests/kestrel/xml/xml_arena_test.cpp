@@ -15,7 +15,7 @@ using kestrel::XmlArena;
 using kestrel::XmlAttribute;
 using kestrel::XmlNode;
 
-class XmlArenaTest : public xml_test::XmlTest {};
+class XmlArenaTest : public quire_test::xml::XmlTest {};
 
 TEST_F(XmlArenaTest, NodesAreFreshAndDistinctAndShareFewBlocks) {
   XmlArena arena;

@@ -11,11 +11,11 @@
 
 namespace {
 
-using xml_test::Read;
-using xml_test::Shown;
-using xml_test::U8;
+using quire_test::xml::Read;
+using quire_test::xml::Shown;
+using quire_test::xml::U8;
 
-class XmlReaderMalformedTest : public xml_test::XmlTest {
+class XmlReaderMalformedTest : public quire_test::xml::XmlTest {
  protected:
   void ExpectRefused(const std::vector<std::string>& documents) {
     for (const std::string& document : documents) {

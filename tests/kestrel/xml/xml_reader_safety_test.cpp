@@ -22,10 +22,10 @@
 
 namespace {
 
-using xml_test::Read;
-using xml_test::U8;
+using quire_test::xml::Read;
+using quire_test::xml::U8;
 
-class XmlReaderSafetyTest : public xml_test::XmlTest {
+class XmlReaderSafetyTest : public quire_test::xml::XmlTest {
  protected:
   // Parses `document`, expects it refused, and prints how long that took.
   void ExpectRefusedAndReport(const char* what, const std::string& document) {
@@ -185,7 +185,7 @@ TEST_F(XmlReaderSafetyTest, WideDocumentsAreRead) {
   wide += "</r>";
   auto reader = Read(wide);
   ASSERT_FALSE(reader->GetErrorsOccurred()) << U8(reader->error_message());
-  EXPECT_EQ(xml_test::ChildCount(reader->GetRootNode()), 100000);
+  EXPECT_EQ(quire_test::xml::ChildCount(reader->GetRootNode()), 100000);
 }
 
 TEST_F(XmlReaderSafetyTest, ReadersOnSeveralThreadsAreIndependent) {

@@ -12,12 +12,12 @@ namespace {
 
 using kestrel::XmlAttribute;
 using kestrel::XmlNode;
-using xml_test::Child;
-using xml_test::ChildCount;
-using xml_test::Read;
-using xml_test::U8;
+using quire_test::xml::Child;
+using quire_test::xml::ChildCount;
+using quire_test::xml::Read;
+using quire_test::xml::U8;
 
-class XmlReaderTest : public xml_test::XmlTest {};
+class XmlReaderTest : public quire_test::xml::XmlTest {};
 
 TEST_F(XmlReaderTest, BuildsTheTreeInDocumentOrder) {
   auto reader = Read(
@@ -133,11 +133,30 @@ TEST_F(XmlReaderTest, ReferencesInLongTextAreDecoded) {
   EXPECT_EQ(reader->GetRootNode()->attributes[0].value, QString::fromStdString(expected));
 }
 
-TEST_F(XmlReaderTest, CdataIsTakenLiterally) {
-  auto reader = Read("<c><![CDATA[<raw> &amp; ]] > ]]]]><![CDATA[>]]></c>");
+// A document and the text of its root element as the reader gives it.
+struct RootTextCase {
+  const char* name;
+  const char* document;
+  const char* text;  // UTF-8
+};
+
+class XmlRootTextTest : public XmlReaderTest, public ::testing::WithParamInterface<RootTextCase> {};
+
+TEST_P(XmlRootTextTest, Text) {
+  auto reader = Read(GetParam().document);
   ASSERT_FALSE(reader->GetErrorsOccurred()) << U8(reader->error_message());
-  EXPECT_EQ(reader->GetRootNode()->text, QStringLiteral("<raw> &amp; ]] > ]]>"));
+  EXPECT_EQ(reader->GetRootNode()->text, QString::fromUtf8(GetParam().text));
 }
+
+INSTANTIATE_TEST_SUITE_P(
+    Cdata, XmlRootTextTest,
+    ::testing::Values(
+        RootTextCase{"IsTakenLiterally", "<c><![CDATA[<raw> &amp; ]] > ]]]]><![CDATA[>]]></c>",
+                     "<raw> &amp; ]] > ]]>"},
+        RootTextCase{"StartingTextThenReferences", "<p><![CDATA[a]]>b&lt;<x/>c</p>", "ab<c"}),
+    [](const ::testing::TestParamInfo<RootTextCase>& info) {
+      return std::string(info.param.name);
+    });
 
 TEST_F(XmlReaderTest, TextAroundChildrenIsJoinedInDocumentOrder) {
   auto reader = Read("<p>one <b>bold</b> two &amp; <![CDATA[<three>]]><i/> four</p>");
@@ -147,12 +166,6 @@ TEST_F(XmlReaderTest, TextAroundChildrenIsJoinedInDocumentOrder) {
   EXPECT_EQ(p->text, QStringLiteral("one  two & <three> four"));
   EXPECT_EQ(Child(p, 0)->text, QStringLiteral("bold"));
   EXPECT_TRUE(Child(p, 1)->text.isNull());
-}
-
-TEST_F(XmlReaderTest, TextStartingWithCdataThenReferences) {
-  auto reader = Read("<p><![CDATA[a]]>b&lt;<x/>c</p>");
-  ASSERT_FALSE(reader->GetErrorsOccurred()) << U8(reader->error_message());
-  EXPECT_EQ(reader->GetRootNode()->text, QStringLiteral("ab<c"));
 }
 
 TEST_F(XmlReaderTest, WhitespaceOnlyTextIsKept) {

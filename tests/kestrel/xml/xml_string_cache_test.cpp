@@ -14,7 +14,7 @@ namespace {
 
 using kestrel::xml_internal::XmlStringCache;
 
-class XmlStringCacheTest : public xml_test::XmlTest {
+class XmlStringCacheTest : public quire_test::xml::XmlTest {
  protected:
   static QString Get(XmlStringCache& cache, const std::string& text) {
     return cache.Get(text.data(), text.size());

@@ -13,7 +13,7 @@
 #include "kestrel/xml/xml_node.h"
 #include "kestrel/xml/xml_reader.h"
 
-namespace xml_test {
+namespace quire_test::xml {
 
 class XmlTest : public ::testing::Test {
  protected:
@@ -62,4 +62,4 @@ inline const kestrel::XmlNode* Child(const kestrel::XmlNode* node, int index) {
   return c;
 }
 
-}  // namespace xml_test
+}  // namespace quire_test::xml

@@ -2,10 +2,10 @@ find_package(Threads REQUIRED)
 find_package(pugixml REQUIRED)
 
 set(KESTREL_XML_TEST_SOURCES
-  xml/xml_arena_test.cpp
-  xml/xml_reader_test.cpp
-  xml/xml_reader_malformed_test.cpp
-  xml/xml_reader_safety_test.cpp)
+  kestrel/xml/xml_arena_test.cpp
+  kestrel/xml/xml_reader_test.cpp
+  kestrel/xml/xml_reader_malformed_test.cpp
+  kestrel/xml/xml_reader_safety_test.cpp)
 
 quire_add_test(kestrel_xml_test
   SOURCES ${KESTREL_XML_TEST_SOURCES}
@@ -22,8 +22,8 @@ quire_add_test(kestrel_xml_test
 function(kestrel_xml_source_test name prefix)
   add_executable(${name}
     ${ARGN}
-    xml/xml_characters_test.cpp
-    xml/xml_string_cache_test.cpp
+    kestrel/xml/xml_characters_test.cpp
+    kestrel/xml/xml_string_cache_test.cpp
     ${PROJECT_SOURCE_DIR}/kestrel/xml/xml_reader.cpp
     ${PROJECT_SOURCE_DIR}/kestrel/xml/internal/xml_characters.cpp
     ${PROJECT_SOURCE_DIR}/kestrel/xml/internal/xml_parse_buffer.cpp

@@ -11,11 +11,8 @@ namespace {
 
 using kestrel::net::HttpRequest;
 using kestrel::net::NetworkRequest;
-using kestrel::quire::Connection;
-using kestrel::quire::ConnectionParams;
-using kestrel::quire::NetworkResponseInfo;
-using quire_test::Http;
-using quire_test::Lines;
+using namespace kestrel::quire;  // NOLINT(build/namespaces): the library's classes and statuses
+using namespace quire_test;      // NOLINT(build/namespaces): the test support
 
 // One call of a transport-level callback, copied out while the callback runs.
 struct Call {

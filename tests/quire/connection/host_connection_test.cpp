@@ -8,9 +8,7 @@
 
 namespace {
 
-using kestrel::quire::ConnectionParams;
-using kestrel::quire::IConnection;
-using kestrel::quire::ResponseCallback;
+using namespace kestrel::quire;  // NOLINT(build/namespaces): the library's classes and statuses
 
 class MyConnection : public IConnection {
  public:

@@ -18,13 +18,7 @@
 namespace {
 
 using kestrel::MainLoop;
-using kestrel::quire::Connection;
-using kestrel::quire::ConnectionParams;
-using kestrel::quire::NetworkResponseInfo;
-using kestrel::quire::RetryingConnection;
-using kestrel::quire::RetryPolicy;
-using quire_test::Http;
-using quire_test::Lines;
+using namespace quire_test;  // NOLINT(build/namespaces): the test support
 namespace net = kestrel::net::status;
 using namespace kestrel::quire;  // NOLINT: method and status constants
 

@@ -11,9 +11,7 @@
 
 namespace {
 
-using kestrel::quire::Connection;
-using kestrel::quire::ConnectionParams;
-using kestrel::quire::NetworkResponseInfo;
+using namespace kestrel::quire;  // NOLINT(build/namespaces): the library's classes and statuses
 
 class StatusConversionTest : public quire_test::ScriptedTest {
  protected:

@@ -12,8 +12,7 @@
 namespace {
 
 using kestrel::quire::DocsEntry;
-using quire_test::NodeBuilder;
-using quire_test::ParsedXml;
+using namespace quire_test;  // NOLINT(build/namespaces): the test support
 
 static_assert(std::is_polymorphic<DocsEntry>::value, "entries are deleted through a DocsEntry*");
 static_assert(std::has_virtual_destructor<DocsEntry>::value, "virtual destructor");

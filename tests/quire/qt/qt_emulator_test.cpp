@@ -18,26 +18,20 @@
 #include "tests/hardening/fault_emulator.h"
 #include "tests/hardening/library_client.h"
 #include "tests/quire/qt/qt_test_app.h"
+#include "tests/support/data_pattern.h"
 
 namespace {
 
-using kestrel::quire::DocsEntry;
-using kestrel::quire::DocsFeed;
-using kestrel::quire::NetworkResponseInfo;
-using kestrel::quire::QtEventLoopDriver;
-using quire_hardening::LibraryClient;
-using quire_qt_test::RunQtLoop;
+using quire_test::PatternBytes;
 
-QByteArray Pattern(int size, int seed) {
-  QByteArray bytes(size, '\0');
-  for (int i = 0; i < size; ++i) bytes[i] = static_cast<char>((i * 131 + seed * 7) & 0xff);
-  return bytes;
-}
+using namespace kestrel::quire;  // NOLINT(build/namespaces): the library's classes and statuses
+using quire_test::hardening::LibraryClient;
+using quire_test::qt::RunQtLoop;
 
 class QtEmulatorTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    quire_qt_test::App();
+    quire_test::qt::App();
     ASSERT_TRUE(emulator_.Start({}));
     LibraryClient::Options options;
     options.port = emulator_.port();
@@ -56,7 +50,7 @@ class QtEmulatorTest : public ::testing::Test {
     client_.reset();
   }
 
-  quire_hardening::FaultEmulator emulator_;
+  quire_test::hardening::FaultEmulator emulator_;
   std::unique_ptr<LibraryClient> client_;
   std::unique_ptr<QtEventLoopDriver> driver_;
 };
@@ -70,7 +64,7 @@ TEST_F(QtEmulatorTest, CallbacksArriveInQtsLoopAndChainedOperationsProceed) {
   int feed_status = -1;
   std::vector<QString> titles;
   bool done = false;
-  const QByteArray data = Pattern(1024 * 1024 + 17, 3);  // 17 chunks of 64 KiB
+  const QByteArray data = PatternBytes(1024 * 1024 + 17, 3);  // 17 chunks of 64 KiB
 
   // One chain, each step issued from the callback of the one before, as a desktop host does it.
   client_->user_info().GetUserEmail([&](NetworkResponseInfo info, QString address) {
@@ -78,7 +72,7 @@ TEST_F(QtEmulatorTest, CallbacksArriveInQtsLoopAndChainedOperationsProceed) {
     if (info.status == 0) email = address;
     client_->docs().CreateEntryWithContent(
         QUrl(QString::fromLatin1(kestrel::quire::DocsFeedUrl)), QStringLiteral("small"),
-        QStringLiteral("text/plain"), Pattern(1000, 1),
+        QStringLiteral("text/plain"), PatternBytes(1000, 1),
         [&](NetworkResponseInfo created, const DocsEntry&) {
           all_on_main_thread &= std::this_thread::get_id() == main_thread;
           create_status = created.status;
@@ -101,7 +95,7 @@ TEST_F(QtEmulatorTest, CallbacksArriveInQtsLoopAndChainedOperationsProceed) {
   });
   ASSERT_TRUE(RunQtLoop([&] { return done; }, 60.0)) << "the chain stalled in Qt's loop";
   EXPECT_TRUE(all_on_main_thread);
-  EXPECT_EQ(email, QString::fromLatin1(quire_hardening::kAccount));
+  EXPECT_EQ(email, QString::fromLatin1(quire_test::hardening::kAccount));
   EXPECT_EQ(create_status, 0);
   EXPECT_EQ(upload_status, 0);
   EXPECT_EQ(feed_status, 0);

@@ -18,10 +18,10 @@ namespace {
 
 using kestrel::MainLoop;
 using kestrel::quire::QtEventLoopDriver;
-using quire_qt_test::RunQtLoop;
+using quire_test::qt::RunQtLoop;
 
 TEST(QtEventLoopDriverTest, JobPostedFromAnotherThreadRunsFromQtsLoopOnItsThread) {
-  quire_qt_test::App();
+  quire_test::qt::App();
   MainLoop loop;
   QtEventLoopDriver driver(&loop);
   const auto main_thread = std::this_thread::get_id();
@@ -44,7 +44,7 @@ TEST(QtEventLoopDriverTest, JobPostedFromAnotherThreadRunsFromQtsLoopOnItsThread
 }
 
 TEST(QtEventLoopDriverTest, BurstsOfPostsAreCoalescedAndAllRun) {
-  quire_qt_test::App();
+  quire_test::qt::App();
   MainLoop loop;
   QtEventLoopDriver driver(&loop);
   constexpr int kThreads = 4;
@@ -65,7 +65,7 @@ TEST(QtEventLoopDriverTest, BurstsOfPostsAreCoalescedAndAllRun) {
 }
 
 TEST(QtEventLoopDriverTest, JobsQueuedBeforeTheDriverRunOnceQtsLoopRuns) {
-  quire_qt_test::App();
+  quire_test::qt::App();
   MainLoop loop;
   int ran = 0;
   loop.Post([&] { ++ran; });
@@ -76,7 +76,7 @@ TEST(QtEventLoopDriverTest, JobsQueuedBeforeTheDriverRunOnceQtsLoopRuns) {
 }
 
 TEST(QtEventLoopDriverTest, DelayedJobsRunOnTheTimerInDueOrder) {
-  quire_qt_test::App();
+  quire_test::qt::App();
   MainLoop loop;
   QtEventLoopDriver driver(&loop);
   std::vector<int> order;
@@ -95,7 +95,7 @@ TEST(QtEventLoopDriverTest, DelayedJobsRunOnTheTimerInDueOrder) {
 }
 
 TEST(QtEventLoopDriverTest, IdleLoopIsNeverWoken) {
-  quire_qt_test::App();
+  quire_test::qt::App();
   MainLoop loop;
   QtEventLoopDriver driver(&loop);
   int ran = 0;
@@ -110,7 +110,7 @@ TEST(QtEventLoopDriverTest, IdleLoopIsNeverWoken) {
 }
 
 TEST(QtEventLoopDriverTest, DestroyedDriverNoLongerRunsTheLoop) {
-  quire_qt_test::App();
+  quire_test::qt::App();
   MainLoop loop;
   int ran = 0;
   {
@@ -126,7 +126,7 @@ TEST(QtEventLoopDriverTest, DestroyedDriverNoLongerRunsTheLoop) {
 }
 
 TEST(QtEventLoopDriverTest, CallbacksMayRunANestedQtLoop) {
-  quire_qt_test::App();
+  quire_test::qt::App();
   MainLoop loop;
   QtEventLoopDriver driver(&loop);
   std::vector<int> order;

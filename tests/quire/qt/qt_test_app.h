@@ -7,7 +7,7 @@
 #include <QTimer>
 #include <functional>
 
-namespace quire_qt_test {
+namespace quire_test::qt {
 
 // The process's QCoreApplication, made on first use on the calling (main) thread.
 inline QCoreApplication* App() {
@@ -38,4 +38,4 @@ inline bool RunQtLoop(const std::function<bool()>& done, double seconds) {
   return done();
 }
 
-}  // namespace quire_qt_test
+}  // namespace quire_test::qt

@@ -12,26 +12,17 @@
 
 #include "kestrel/net/response_sink.h"
 #include "quire/services/docs_service.h"
+#include "tests/support/data_pattern.h"
 #include "tests/support/test_support.h"
 
 namespace {
 
+using namespace quire_test;  // NOLINT(build/namespaces): the test support
+
 using kestrel::net::ScriptedTransport;
-using kestrel::quire::ContentDownload;
-using kestrel::quire::DocsService;
-using kestrel::quire::DownloadOptions;
-using kestrel::quire::DownloadOutcome;
-using kestrel::quire::DownloadResult;
-using kestrel::quire::DownloadTarget;
-using quire_test::Http;
+using namespace kestrel::quire;  // NOLINT(build/namespaces): the library's classes and statuses
 
 const char kUrl[] = "https://docs.quire.example/feeds/default/private/full/abc/content";
-
-QByteArray Pattern(int size, int seed = 1) {
-  QByteArray bytes(size, '\0');
-  for (int i = 0; i < size; ++i) bytes[i] = static_cast<char>((i * 31 + seed * 7 + i / 251) & 0xff);
-  return bytes;
-}
 
 // Options that continue a part of `have` bytes of the version tagged "v1".
 DownloadOptions ResumeV1(std::uint64_t have) {
@@ -133,7 +124,7 @@ class ContentDownloadTest : public quire_test::ScriptedTest {
 };
 
 TEST_F(ContentDownloadTest, WholeContentArrivesInPiecesWithProgress) {
-  const QByteArray content = Pattern(100000);
+  const QByteArray content = PatternBytes(100000);
   transport_.Enqueue(Whole(content, QStringLiteral("\"v1\""), 7000));
   MemoryTarget memory;
   DownloadOptions options;
@@ -162,7 +153,7 @@ TEST_F(ContentDownloadTest, WholeContentArrivesInPiecesWithProgress) {
 }
 
 TEST_F(ContentDownloadTest, ResumeSendsRangeWithIfRangeAndKeepsThePart) {
-  const QByteArray content = Pattern(50000);
+  const QByteArray content = PatternBytes(50000);
   transport_.Enqueue(Part(content, 20000, QStringLiteral("\"v1\"")));
   MemoryTarget memory;
   memory.bytes = content.left(20000);
@@ -179,7 +170,7 @@ TEST_F(ContentDownloadTest, ResumeSendsRangeWithIfRangeAndKeepsThePart) {
 }
 
 TEST_F(ContentDownloadTest, WholeAnswerToARangeStartsOverFromByteZero) {
-  const QByteArray content = Pattern(30000, 2);
+  const QByteArray content = PatternBytes(30000, 2);
   transport_.Enqueue(Whole(content, QStringLiteral("\"v2\"")));
   MemoryTarget memory;
   memory.bytes = QByteArray(25000, 'x');  // a part of an older version
@@ -194,7 +185,7 @@ TEST_F(ContentDownloadTest, WholeAnswerToARangeStartsOverFromByteZero) {
 }
 
 TEST_F(ContentDownloadTest, PartWithoutEntityTagIsNeverExtended) {
-  const QByteArray content = Pattern(1000);
+  const QByteArray content = PatternBytes(1000);
   transport_.Enqueue(Whole(content, QStringLiteral("\"v1\"")));
   MemoryTarget memory;
   memory.bytes = QByteArray(600, 'x');
@@ -213,7 +204,7 @@ TEST_F(ContentDownloadTest, RangeNotSatisfiableForACompletePartEndsWell) {
   answer.headers = {QStringLiteral("Content-Range: bytes */4000"), QStringLiteral("ETag: \"v1\"")};
   transport_.Enqueue(answer);
   MemoryTarget memory;
-  memory.bytes = Pattern(4000);
+  memory.bytes = PatternBytes(4000);
   DownloadOptions options = ResumeV1(/*have=*/4000);
   DownloadResult result = Run(memory.Target(), options);
   EXPECT_EQ(result.outcome, DownloadOutcome::kComplete);
@@ -222,11 +213,11 @@ TEST_F(ContentDownloadTest, RangeNotSatisfiableForACompletePartEndsWell) {
   EXPECT_EQ(result.bytes_reused, 4000u);
   EXPECT_EQ(result.bytes_transferred, 0u);
   EXPECT_EQ(result.total, 4000);
-  EXPECT_EQ(memory.bytes, Pattern(4000));
+  EXPECT_EQ(memory.bytes, PatternBytes(4000));
 }
 
 TEST_F(ContentDownloadTest, RangeNotSatisfiableForALongerPartStartsOver) {
-  const QByteArray content = Pattern(3000, 3);
+  const QByteArray content = PatternBytes(3000, 3);
   ScriptedTransport::Answer refused;
   refused.code = Http(416);
   refused.headers = {QStringLiteral("Content-Range: bytes */3000")};
@@ -244,7 +235,7 @@ TEST_F(ContentDownloadTest, RangeNotSatisfiableForALongerPartStartsOver) {
 }
 
 TEST_F(ContentDownloadTest, ConnectionCutMidBodyResumesFromWhatWasWritten) {
-  const QByteArray content = Pattern(90000, 4);
+  const QByteArray content = PatternBytes(90000, 4);
   ScriptedTransport::Answer cut = Whole(content.left(35000), QStringLiteral("\"v1\""), 5000);
   cut.code = kestrel::net::status::kErrorConnectionReset;
   cut.head_status = 200;
@@ -266,8 +257,8 @@ TEST_F(ContentDownloadTest, ConnectionCutMidBodyResumesFromWhatWasWritten) {
 }
 
 TEST_F(ContentDownloadTest, ChangedEntityTagDuringRetryStartsOver) {
-  const QByteArray old_content = Pattern(20000, 5);
-  const QByteArray new_content = Pattern(12000, 6);
+  const QByteArray old_content = PatternBytes(20000, 5);
+  const QByteArray new_content = PatternBytes(12000, 6);
   ScriptedTransport::Answer cut = Whole(old_content.left(8000), QStringLiteral("\"v1\""));
   cut.code = kestrel::net::status::kErrorConnectionReset;
   cut.head_status = 200;
@@ -328,7 +319,7 @@ TEST_F(ContentDownloadTest, EmptyContentCompletes) {
 // --- Answers that contradict the request: a clear failure, nothing outside the destination.
 
 TEST_F(ContentDownloadTest, MoreBytesThanAnnouncedFail) {
-  ScriptedTransport::Answer answer = Whole(Pattern(5000), QStringLiteral("\"v1\""), 1000);
+  ScriptedTransport::Answer answer = Whole(PatternBytes(5000), QStringLiteral("\"v1\""), 1000);
   answer.headers[0] = QStringLiteral("Content-Length: 3000");
   transport_.Enqueue(answer);
   MemoryTarget memory;
@@ -339,7 +330,7 @@ TEST_F(ContentDownloadTest, MoreBytesThanAnnouncedFail) {
 }
 
 TEST_F(ContentDownloadTest, ContentRangeThatDoesNotMatchTheRequestFails) {
-  const QByteArray content = Pattern(10000);
+  const QByteArray content = PatternBytes(10000);
   for (const QString& range :
        {QStringLiteral("bytes 0-9999/10000"), QStringLiteral("bytes 4000-8999/10000"),
         QStringLiteral("bytes 5000-9999/20000"), QStringLiteral("bytes 5000-9999"),
@@ -364,7 +355,7 @@ TEST_F(ContentDownloadTest, NegativeOrOverflowingLengthsFail) {
                               QStringLiteral("Content-Length: 9223372036854775808"),
                               QStringLiteral("Content-Length: 1e3")}) {
     SCOPED_TRACE(line.toStdString());
-    ScriptedTransport::Answer answer = Whole(Pattern(100), QStringLiteral("\"v1\""));
+    ScriptedTransport::Answer answer = Whole(PatternBytes(100), QStringLiteral("\"v1\""));
     answer.headers[0] = line;
     transport_.Enqueue(answer);
     MemoryTarget memory;
@@ -372,7 +363,7 @@ TEST_F(ContentDownloadTest, NegativeOrOverflowingLengthsFail) {
     EXPECT_EQ(result.outcome, DownloadOutcome::kProtocolError);
     EXPECT_EQ(memory.writes, 0);
   }
-  ScriptedTransport::Answer huge = Part(Pattern(100), 50, QStringLiteral("\"v1\""));
+  ScriptedTransport::Answer huge = Part(PatternBytes(100), 50, QStringLiteral("\"v1\""));
   huge.headers[0] = QStringLiteral("Content-Length: 50");
   huge.headers[1] =
       QStringLiteral("Content-Range: bytes 50-18446744073709551615/18446744073709551616");
@@ -385,7 +376,7 @@ TEST_F(ContentDownloadTest, NegativeOrOverflowingLengthsFail) {
 }
 
 TEST_F(ContentDownloadTest, PartialAnswerOfAnotherVersionFails) {
-  const QByteArray content = Pattern(10000);
+  const QByteArray content = PatternBytes(10000);
   transport_.Enqueue(Part(content, 5000, QStringLiteral("\"v9\"")));
   MemoryTarget memory;
   DownloadOptions options = ResumeV1(/*have=*/5000);
@@ -395,7 +386,7 @@ TEST_F(ContentDownloadTest, PartialAnswerOfAnotherVersionFails) {
 }
 
 TEST_F(ContentDownloadTest, PartialAnswerToAWholeRequestFails) {
-  transport_.Enqueue(Part(Pattern(1000), 0, QStringLiteral("\"v1\"")));
+  transport_.Enqueue(Part(PatternBytes(1000), 0, QStringLiteral("\"v1\"")));
   MemoryTarget memory;
   DownloadResult result = Run(memory.Target());
   EXPECT_EQ(result.outcome, DownloadOutcome::kProtocolError);
@@ -403,7 +394,7 @@ TEST_F(ContentDownloadTest, PartialAnswerToAWholeRequestFails) {
 }
 
 TEST_F(ContentDownloadTest, FailingDestinationStopsTheTransfer) {
-  transport_.Enqueue(Whole(Pattern(3 << 20), QStringLiteral("\"v1\""), 64 * 1024));
+  transport_.Enqueue(Whole(PatternBytes(3 << 20), QStringLiteral("\"v1\""), 64 * 1024));
   MemoryTarget memory;
   memory.fail_at = 3 << 19;  // the disk fills up half-way
   DownloadOptions options;
@@ -418,7 +409,7 @@ TEST_F(ContentDownloadTest, FailingDestinationStopsTheTransfer) {
 }
 
 TEST_F(ContentDownloadTest, DeviceTargetWritesAndStartsOver) {
-  const QByteArray content = Pattern(40000, 8);
+  const QByteArray content = PatternBytes(40000, 8);
   transport_.Enqueue(Whole(content, QStringLiteral("\"v2\""), 4096));
   QBuffer buffer;
   buffer.open(QIODevice::ReadWrite);
@@ -436,7 +427,7 @@ TEST_F(ContentDownloadTest, DeviceTargetWritesAndStartsOver) {
 }
 
 TEST_F(ContentDownloadTest, CancelStopsTheTransferAndReportsOnce) {
-  transport_.Enqueue(Whole(Pattern(4 << 20), QStringLiteral("\"v1\""), 4096));
+  transport_.Enqueue(Whole(PatternBytes(4 << 20), QStringLiteral("\"v1\""), 4096));
   MemoryTarget memory;
   auto* download = new ContentDownload(service_);
   int calls = 0;
@@ -464,7 +455,7 @@ TEST_F(ContentDownloadTest, CancelStopsTheTransferAndReportsOnce) {
 }
 
 TEST_F(ContentDownloadTest, CancelBeforeTheAnswerTakesTheRequestOffTheWire) {
-  ScriptedTransport::Answer slow = Whole(Pattern(1000), QStringLiteral("\"v1\""));
+  ScriptedTransport::Answer slow = Whole(PatternBytes(1000), QStringLiteral("\"v1\""));
   slow.delay_seconds = 30;
   transport_.Enqueue(slow);
   MemoryTarget memory;
@@ -531,7 +522,7 @@ TEST_F(ContentDownloadTest, CancelDuringTheBackOffEndsWithoutAnotherRequest) {
 }
 
 TEST_F(ContentDownloadTest, DownloadMayBeDeletedInsideItsCallback) {
-  transport_.Enqueue(Whole(Pattern(100), QStringLiteral("\"v1\"")));
+  transport_.Enqueue(Whole(PatternBytes(100), QStringLiteral("\"v1\"")));
   MemoryTarget memory;
   auto* download = new ContentDownload(service_);
   bool done = false;
@@ -545,7 +536,7 @@ TEST_F(ContentDownloadTest, DownloadMayBeDeletedInsideItsCallback) {
 // A network that offers 16 MiB back to back to a destination that takes them only when the main
 // loop comes round: the transfer waits for it, and never more than the sink's ring is held.
 TEST_F(ContentDownloadTest, SlowDestinationKeepsMemoryBounded) {
-  const QByteArray content = Pattern(16 << 20, 9);
+  const QByteArray content = PatternBytes(16 << 20, 9);
   transport_.Enqueue(Whole(content, QStringLiteral("\"v1\""), 256 * 1024));
   MemoryTarget memory;
   DownloadOptions options;

@@ -10,20 +10,10 @@
 #include "tests/support/guard_death_test.h"
 #include "tests/support/test_support.h"
 
+namespace quire_test::services {
 namespace {
 
-using kestrel::quire::DeleteCallback;
-using kestrel::quire::DocsEntry;
-using kestrel::quire::DocsFeed;
-using kestrel::quire::DocsService;
-using kestrel::quire::EntryCallback;
-using kestrel::quire::FeedCallback;
-using kestrel::quire::NetworkResponseInfo;
-using kestrel::quire::ResponseCallback;
-using quire_test::Answer;
-using quire_test::ConnectionLog;
-using quire_test::RecordedRequest;
-using quire_test::RecordingConnection;
+using namespace kestrel::quire;  // NOLINT(build/namespaces): the services and their callbacks
 
 // What a feed or entry callback saw, copied while it ran.
 struct FeedCall {
@@ -520,3 +510,5 @@ TEST_F(DocsServiceTest, IssuingWithAnEmptyCallbackDoesNotAbortBeforeTheAnswer) {
 }
 
 }  // namespace
+
+}  // namespace quire_test::services

@@ -12,12 +12,8 @@
 namespace {
 
 using kestrel::net::HttpRequest;
-using kestrel::quire::DocsEntry;
-using kestrel::quire::DocsFeed;
-using kestrel::quire::DocsService;
-using kestrel::quire::NetworkResponseInfo;
-using quire_test::Http;
-using quire_test::Lines;
+using namespace kestrel::quire;  // NOLINT(build/namespaces): the library's classes and statuses
+using namespace quire_test;      // NOLINT(build/namespaces): the test support
 
 const QString kVersion = QStringLiteral("Quire-Version: 3.0");
 const QString kAuthorization = QStringLiteral("Authorization: Bearer ya29.token-1");

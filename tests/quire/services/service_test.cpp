@@ -13,20 +13,10 @@
 #include "tests/quire/services/recording_connection.h"
 #include "tests/support/test_support.h"
 
+namespace quire_test::services {
 namespace {
 
-using kestrel::quire::ConnectionParams;
-using kestrel::quire::DocsFeed;
-using kestrel::quire::DocsService;
-using kestrel::quire::IConnection;
-using kestrel::quire::NetworkResponseInfo;
-using kestrel::quire::OAuthSigners;
-using kestrel::quire::Service;
-using kestrel::quire::UserInfoService;
-using quire_test::ConnectionLog;
-using quire_test::Http;
-using quire_test::Lines;
-using quire_test::RecordingConnection;
+using namespace kestrel::quire;  // NOLINT(build/namespaces): the services and their callbacks
 
 const std::vector<QString> kVersionLine = {QStringLiteral("Quire-Version: 3.0")};
 
@@ -288,3 +278,5 @@ TEST_F(ServiceTest, OAuthSignersIsAnEmptyPolymorphicClass) {
 }
 
 }  // namespace
+
+}  // namespace quire_test::services

@@ -9,14 +9,8 @@
 
 namespace {
 
-using kestrel::quire::NetworkResponseInfo;
-using kestrel::quire::UserEmailCallback;
-using kestrel::quire::UserInfoService;
-using quire_test::Answer;
-using quire_test::ConnectionLog;
-using quire_test::Http;
-using quire_test::Lines;
-using quire_test::RecordingConnection;
+using namespace kestrel::quire;  // NOLINT(build/namespaces): the library's classes and statuses
+using namespace quire_test;      // NOLINT(build/namespaces): the test support
 
 struct EmailCall {
   NetworkResponseInfo info{};
@@ -65,46 +59,38 @@ TEST_F(UserInfoServiceTest, RequestIsAPlainGetOfTheEndpointWithoutAnyLineOfItsOw
   EXPECT_EQ(calls_.size(), 1u);
 }
 
-TEST_F(UserInfoServiceTest, ValueUpToTheNextAmpersand) {
-  EmailCall call = Ask(0, "email=user-at-host&x=1");
-  EXPECT_EQ(call.info.status, 0);
-  EXPECT_EQ(call.email, QStringLiteral("user-at-host"));
+// A body and what the service makes of it.
+struct ParseCase {
+  const char* name;
+  const char* body;  // null: an empty body with no data at all
+  int status;        // the status reported; -1: not checked
+  const char* email;
+};
+
+class UserInfoParseTest : public UserInfoServiceTest,
+                          public ::testing::WithParamInterface<ParseCase> {};
+
+TEST_P(UserInfoParseTest, Email) {
+  const ParseCase& c = GetParam();
+  EmailCall call = Ask(0, c.body == nullptr ? QByteArray() : QByteArray(c.body));
+  if (c.status >= 0) {
+    EXPECT_EQ(call.info.status, c.status);
+  }
+  EXPECT_EQ(call.email, QString::fromLatin1(c.email));
 }
 
-TEST_F(UserInfoServiceTest, ValueToTheEndOfTheText) {
-  EmailCall call = Ask(0, "email=user-at-host");
-  EXPECT_EQ(call.info.status, 0);
-  EXPECT_EQ(call.email, QStringLiteral("user-at-host"));
-}
-
-TEST_F(UserInfoServiceTest, TrailingLineBreakIsKept) {
-  EmailCall call = Ask(0, "email=user@host\r\n");
-  EXPECT_EQ(call.info.status, 0);
-  EXPECT_EQ(call.email, QStringLiteral("user@host\r\n"));
-}
-
-TEST_F(UserInfoServiceTest, EmptyBodyIsAParseFailure) {
-  EmailCall call = Ask(0, QByteArray());
-  EXPECT_EQ(call.info.status, 1);
-  EXPECT_TRUE(call.email.isEmpty());
-}
-
-TEST_F(UserInfoServiceTest, KeyIsFoundAnywhere) {
-  EmailCall call = Ask(0, "id=1&email=x");
-  EXPECT_EQ(call.info.status, 0);
-  EXPECT_EQ(call.email, QStringLiteral("x"));
-}
-
-TEST_F(UserInfoServiceTest, AmpersandRightBehindTheKeyDoesNotEndTheValue) {
-  EmailCall call = Ask(0, "email=&isVerified=true");
-  EXPECT_EQ(call.info.status, 0);
-  EXPECT_EQ(call.email, QStringLiteral("&isVerified=true"));
-}
-
-TEST_F(UserInfoServiceTest, FirstKeyWins) {
-  EmailCall call = Ask(0, "email=a&email=b");
-  EXPECT_EQ(call.email, QStringLiteral("a"));
-}
+INSTANTIATE_TEST_SUITE_P(
+    Bodies, UserInfoParseTest,
+    ::testing::Values(
+        ParseCase{"ValueUpToTheNextAmpersand", "email=user-at-host&x=1", 0, "user-at-host"},
+        ParseCase{"ValueToTheEndOfTheText", "email=user-at-host", 0, "user-at-host"},
+        ParseCase{"TrailingLineBreakIsKept", "email=user@host\r\n", 0, "user@host\r\n"},
+        ParseCase{"EmptyBodyIsAParseFailure", nullptr, 1, ""},
+        ParseCase{"KeyIsFoundAnywhere", "id=1&email=x", 0, "x"},
+        ParseCase{"AmpersandRightBehindTheKeyDoesNotEndTheValue", "email=&isVerified=true", 0,
+                  "&isVerified=true"},
+        ParseCase{"FirstKeyWins", "email=a&email=b", -1, "a"}),
+    [](const ::testing::TestParamInfo<ParseCase>& info) { return std::string(info.param.name); });
 
 TEST_F(UserInfoServiceTest, ZeroByteEndsTheText) {
   EmailCall before = Ask(0, QByteArray("x\0email=a@b", 11));

@@ -11,6 +11,7 @@
 
 #include "quire/quire.h"
 #include "tests/quire/upload/upload_test_support.h"
+#include "tests/support/data_pattern.h"
 #include "tests/support/guard_death_test.h"
 #include "tests/support/test_support.h"
 
@@ -20,27 +21,20 @@
 
 namespace {
 
-using kestrel::quire::ConnectionUtils;
-using kestrel::quire::kMethodPost;
-using kestrel::quire::kMethodPut;
-using quire_upload_test::FakeConnection;
-using quire_upload_test::Lines;
-using quire_upload_test::OutcomeRecorder;
-using quire_upload_test::S;
-using quire_upload_test::SentRequest;
+using quire_test::PatternBytes;
+
+using namespace kestrel::quire;  // NOLINT(build/namespaces): the library's classes and statuses
+using quire_test::upload::FakeConnection;
+using quire_test::upload::Lines;
+using quire_test::upload::OutcomeRecorder;
+using quire_test::upload::S;
+using quire_test::upload::SentRequest;
 
 const char kPostUrl[] = "https://docs.quire.example/upload/create-session/default/private/full";
 const char kUploadUrl[] = "https://docs.quire.example:8443/upload/session?upload_id=a1: b2";
 const char kMetadata[] =
     "<?xml version='1.0' encoding='UTF-8'?><entry xmlns=\"http://www.w3.org/2005/Atom\">"
     "<title>R\xC3\xA9sum\xC3\xA9 \xE2\x80\x93 \xE2\x9C\x93</title></entry>";
-
-// Bytes that differ from one position to the next, so that a chunk taken at the wrong offset shows.
-QByteArray Pattern(int size) {
-  QByteArray data(size, Qt::Uninitialized);
-  for (int i = 0; i < size; ++i) data[i] = static_cast<char>((i * 131 + i / 251) & 0xFF);
-  return data;
-}
 
 Lines PutLines(const char* type, std::uint32_t first, std::uint32_t length, std::uint32_t total) {
   return {QStringLiteral("Content-Length: %1").arg(length), S("Content-Type: ") + S(type),
@@ -87,7 +81,7 @@ class ResumableUploadTest : public quire_test::ScriptedTest {
 
 TEST_F(ResumableUploadTest, MillionBytesInTwoChunks) {
   ConnectionUtils utils(524288, &connection_);
-  const QByteArray data = Pattern(1000000);
+  const QByteArray data = PatternBytes(1000000);
   OutcomeRecorder recorder;
   const unsigned int post_id = Start(utils, data, recorder);
 
@@ -142,7 +136,7 @@ TEST_F(ResumableUploadTest, PostFailureIsPassedOnWithoutTheServersBody) {
     FakeConnection connection;
     ConnectionUtils utils(1024, &connection);
     OutcomeRecorder recorder;
-    const QByteArray data = Pattern(5000);
+    const QByteArray data = PatternBytes(5000);
     const unsigned int post_id = utils.ResumableUpload(S(kPostUrl), S(kMetadata), S("text/plain"),
                                                        data, recorder.Callback());
     const Lines lines = {S("Content-Type: text/html"), S("Location: https://elsewhere.example/"),
@@ -178,20 +172,17 @@ TEST_F(ResumableUploadTest, PostWithoutLocationEndsWithMadeUpFailure) {
     ConnectionUtils utils(1024, &connection);
     OutcomeRecorder recorder;
     const unsigned int post_id = utils.ResumableUpload(S(kPostUrl), S(kMetadata), S("text/plain"),
-                                                       Pattern(3000), recorder.Callback());
+                                                       PatternBytes(3000), recorder.Callback());
     connection.AnswerLast(0, c.lines, "<entry/>", c.null_headers);
     EXPECT_EQ(connection.requests().size(), 1u) << "no PUT without an upload address";
     const auto& outcome = recorder.only();
-    EXPECT_EQ(outcome.info.status, 2);
-    EXPECT_EQ(outcome.info.request_id, post_id);
-    EXPECT_EQ(outcome.headers_pointer, nullptr);
-    EXPECT_TRUE(outcome.body_is_empty);
+    ExpectMadeUpFailure(outcome, post_id);
   }
 }
 
 TEST_F(ResumableUploadTest, PostSuccessSendsTheFirstChunkToTheLocation) {
   ConnectionUtils utils(4096, &connection_);
-  const QByteArray data = Pattern(10000);
+  const QByteArray data = PatternBytes(10000);
   OutcomeRecorder recorder;
   Start(utils, data, recorder, "image/png");
   connection_.AnswerLast(0, {S("Location: https://up.example/s/1"), S("Location: https://x/")});
@@ -212,10 +203,7 @@ TEST_F(ResumableUploadTest, EmptyDataEndsWithMadeUpFailureOnceOpen) {
   connection_.AnswerLast(0, LocationLines(), "<entry/>");
   EXPECT_EQ(connection_.requests().size(), 1u) << "the first PUT is not sent";
   const auto& outcome = recorder.only();
-  EXPECT_EQ(outcome.info.status, 2);
-  EXPECT_EQ(outcome.info.request_id, post_id);
-  EXPECT_EQ(outcome.headers_pointer, nullptr);
-  EXPECT_TRUE(outcome.body_is_empty);
+  ExpectMadeUpFailure(outcome, post_id);
 }
 
 TEST_F(ResumableUploadTest, DataNoLongerThanTheChunkGoesInOnePut) {
@@ -223,7 +211,7 @@ TEST_F(ResumableUploadTest, DataNoLongerThanTheChunkGoesInOnePut) {
     SCOPED_TRACE(size);
     FakeConnection connection;
     ConnectionUtils utils(1000, &connection);
-    const QByteArray data = Pattern(size);
+    const QByteArray data = PatternBytes(size);
     OutcomeRecorder recorder;
     utils.ResumableUpload(S(kPostUrl), S(kMetadata), S("application/pdf"), data,
                           recorder.Callback());
@@ -243,7 +231,7 @@ TEST_F(ResumableUploadTest, DataNoLongerThanTheChunkGoesInOnePut) {
 
 TEST_F(ResumableUploadTest, RangeEndingBeforeTheLastByteSendsExactlyTheLastByte) {
   ConnectionUtils utils(600, &connection_);
-  const QByteArray data = Pattern(1000);
+  const QByteArray data = PatternBytes(1000);
   OutcomeRecorder recorder;
   Start(utils, data, recorder);
   connection_.AnswerLast(0, LocationLines());
@@ -261,7 +249,7 @@ TEST_F(ResumableUploadTest, RangeEndingBeforeTheLastByteSendsExactlyTheLastByte)
 
 TEST_F(ResumableUploadTest, ResumesFromTheReportedPositionNotFromTheChunksEnd) {
   ConnectionUtils utils(512, &connection_);
-  const QByteArray data = Pattern(2000);
+  const QByteArray data = PatternBytes(2000);
   OutcomeRecorder recorder;
   Start(utils, data, recorder);
   connection_.AnswerLast(0, LocationLines());
@@ -280,17 +268,15 @@ TEST_F(ResumableUploadTest, ResumesFromTheReportedPositionNotFromTheChunksEnd) {
 
 TEST_F(ResumableUploadTest, RangeEndingAtTheTotalEndsWithMadeUpFailure) {
   ConnectionUtils utils(600, &connection_);
-  const QByteArray data = Pattern(1000);
+  const QByteArray data = PatternBytes(1000);
   OutcomeRecorder recorder;
   Start(utils, data, recorder);
   connection_.AnswerLast(0, LocationLines());
   connection_.AnswerLast(308, RangeLines(1000));
   EXPECT_EQ(connection_.requests().size(), 2u) << "nothing is left to send from the total";
   const auto& outcome = recorder.only();
-  EXPECT_EQ(outcome.info.status, 2);
-  EXPECT_EQ(outcome.info.request_id, connection_.requests()[1].id) << "the PUT's id";
-  EXPECT_EQ(outcome.headers_pointer, nullptr);
-  EXPECT_TRUE(outcome.body_is_empty);
+  // The outcome carries the PUT's id.
+  ExpectMadeUpFailure(outcome, connection_.requests()[1].id);
 }
 
 TEST_F(ResumableUploadTest, RangeBeyondTheDataEndsWithMadeUpFailure) {
@@ -298,7 +284,7 @@ TEST_F(ResumableUploadTest, RangeBeyondTheDataEndsWithMadeUpFailure) {
     SCOPED_TRACE(last);
     FakeConnection connection;
     ConnectionUtils utils(600, &connection);
-    const QByteArray data = Pattern(1000);
+    const QByteArray data = PatternBytes(1000);
     OutcomeRecorder recorder;
     utils.ResumableUpload(S(kPostUrl), S(kMetadata), S("application/pdf"), data,
                           recorder.Callback());
@@ -306,10 +292,7 @@ TEST_F(ResumableUploadTest, RangeBeyondTheDataEndsWithMadeUpFailure) {
     connection.AnswerLast(308, RangeLines(last));
     EXPECT_EQ(connection.requests().size(), 2u) << "no chunk may start outside the data";
     const auto& outcome = recorder.only();
-    EXPECT_EQ(outcome.info.status, 2);
-    EXPECT_EQ(outcome.info.request_id, connection.requests()[1].id);
-    EXPECT_EQ(outcome.headers_pointer, nullptr);
-    EXPECT_TRUE(outcome.body_is_empty);
+    ExpectMadeUpFailure(outcome, connection.requests()[1].id);
   }
 }
 
@@ -334,23 +317,20 @@ TEST_F(ResumableUploadTest, UnreadableRangeEndsWithMadeUpFailure) {
     FakeConnection connection;
     ConnectionUtils utils(600, &connection);
     OutcomeRecorder recorder;
-    utils.ResumableUpload(S(kPostUrl), S(kMetadata), S("application/pdf"), Pattern(1000),
+    utils.ResumableUpload(S(kPostUrl), S(kMetadata), S("application/pdf"), PatternBytes(1000),
                           recorder.Callback());
     connection.AnswerLast(0, LocationLines());
     connection.AnswerLast(308, c.lines, "incomplete", c.null_headers);
     EXPECT_EQ(connection.requests().size(), 2u);
     const auto& outcome = recorder.only();
-    EXPECT_EQ(outcome.info.status, 2);
-    EXPECT_EQ(outcome.info.request_id, connection.requests()[1].id);
-    EXPECT_EQ(outcome.headers_pointer, nullptr);
-    EXPECT_TRUE(outcome.body_is_empty);
+    ExpectMadeUpFailure(outcome, connection.requests()[1].id);
   }
 }
 
 TEST_F(ResumableUploadTest, MadeUpFailureCarriesTheLastAnsweredPutsId) {
   ConnectionUtils utils(100, &connection_);
   OutcomeRecorder recorder;
-  const unsigned int post_id = Start(utils, Pattern(1000), recorder);
+  const unsigned int post_id = Start(utils, PatternBytes(1000), recorder);
   connection_.AnswerLast(0, LocationLines());
   connection_.AnswerLast(308, RangeLines(99));
   connection_.AnswerLast(308, RangeLines(198));
@@ -368,7 +348,7 @@ TEST_F(ResumableUploadTest, PutFailureIsPassedOnWithoutTheServersBodyAndNotRetri
     FakeConnection connection;
     ConnectionUtils utils(600, &connection);
     OutcomeRecorder recorder;
-    utils.ResumableUpload(S(kPostUrl), S(kMetadata), S("application/pdf"), Pattern(1000),
+    utils.ResumableUpload(S(kPostUrl), S(kMetadata), S("application/pdf"), PatternBytes(1000),
                           recorder.Callback());
     connection.AnswerLast(0, LocationLines());
     connection.AnswerLast(308, RangeLines(599));
@@ -387,7 +367,7 @@ TEST_F(ResumableUploadTest, PutFailureIsPassedOnWithoutTheServersBodyAndNotRetri
 
 TEST_F(ResumableUploadTest, ChunkSizeZeroSendsEmptyPutsAndFollowsTheServer) {
   ConnectionUtils utils(0, &connection_);
-  const QByteArray data = Pattern(10);
+  const QByteArray data = PatternBytes(10);
   OutcomeRecorder recorder;
   Start(utils, data, recorder, "text/plain");
   connection_.AnswerLast(0, LocationLines());
@@ -412,7 +392,7 @@ TEST_F(ResumableUploadTest, ChunkSizeZeroSendsEmptyPutsAndFollowsTheServer) {
 TEST_F(ResumableUploadTest, ChunkSizeZeroEndsOnTheServersSuccess) {
   ConnectionUtils utils(0, &connection_);
   OutcomeRecorder recorder;
-  Start(utils, Pattern(10), recorder);
+  Start(utils, PatternBytes(10), recorder);
   connection_.AnswerLast(0, LocationLines());
   connection_.AnswerLast(0, {}, "fine");
   EXPECT_EQ(recorder.only().info.status, 0);
@@ -423,7 +403,7 @@ TEST_F(ResumableUploadTest, ChunkSizeZeroEndsOnTheServersSuccess) {
 
 TEST_F(ResumableUploadTest, DataIsSharedNotCopiedAndOutlivesTheCallersCopy) {
   ConnectionUtils utils(300, &connection_);
-  const QByteArray expected = Pattern(1000);
+  const QByteArray expected = PatternBytes(1000);
   const char* bytes = nullptr;
   OutcomeRecorder recorder;
   {
@@ -450,7 +430,7 @@ TEST_F(ResumableUploadTest, DataIsSharedNotCopiedAndOutlivesTheCallersCopy) {
 }
 
 TEST_F(ResumableUploadTest, RawDataIsNeverDetachedOrCopied) {
-  const QByteArray source = Pattern(4096);
+  const QByteArray source = PatternBytes(4096);
   const QByteArray view = QByteArray::fromRawData(source.constData(), source.size());
   ConnectionUtils utils(1024, &connection_);
   OutcomeRecorder recorder;
@@ -468,8 +448,8 @@ TEST_F(ResumableUploadTest, RawDataIsNeverDetachedOrCopied) {
 
 TEST_F(ResumableUploadTest, SeveralUploadsAtOnceOnOneObject) {
   ConnectionUtils utils(400, &connection_);
-  const QByteArray a = Pattern(1000);
-  const QByteArray b = Pattern(700).toUpper();
+  const QByteArray a = PatternBytes(1000);
+  const QByteArray b = PatternBytes(700).toUpper();
   const QByteArray c;
   OutcomeRecorder ra, rb, rc;
   const unsigned int post_a =
@@ -515,7 +495,8 @@ TEST_F(ResumableUploadTest, SeveralUploadsAtOnceOnOneObject) {
 TEST_F(ResumableUploadTest, ObjectMayBeCreatedWithNewAndDeletedAfterItsUploads) {
   ConnectionUtils* utils = new ConnectionUtils(1 << 20, &connection_);
   OutcomeRecorder recorder;
-  utils->ResumableUpload(S(kPostUrl), S(kMetadata), S("a/b"), Pattern(10), recorder.Callback());
+  utils->ResumableUpload(S(kPostUrl), S(kMetadata), S("a/b"), PatternBytes(10),
+                         recorder.Callback());
   connection_.AnswerLast(0, LocationLines());
   connection_.AnswerLast(0, {}, "ok");
   delete utils;
@@ -557,7 +538,7 @@ TEST_F(ResumableUploadDeathTest, AnEmptyCallbackAborts) {
   EXPECT_GUARD_ABORT({
     FakeConnection connection;
     ConnectionUtils utils(10, &connection);
-    utils.ResumableUpload(S(kPostUrl), S(kMetadata), S("a/b"), Pattern(5),
+    utils.ResumableUpload(S(kPostUrl), S(kMetadata), S("a/b"), PatternBytes(5),
                           kestrel::quire::ResponseCallback());
     connection.AnswerLast(500);
   });

@@ -11,37 +11,21 @@
 #include "kestrel/base/main_loop.h"
 #include "kestrel/net/network_status.h"
 #include "quire/connection/connection.h"
+#include "tests/support/data_pattern.h"
 #include "tests/support/quick_retry_policy.h"
 #include "tests/support/scripted_upload_session.h"
 #include "tests/support/test_support.h"
 
 namespace {
 
+using namespace quire_test;  // NOLINT(build/namespaces): the test support
+
 using kestrel::MainLoop;
-using kestrel::quire::Connection;
-using kestrel::quire::NetworkResponseInfo;
-using kestrel::quire::ResumableUploader;
-using kestrel::quire::RetryPolicy;
-using quire_test::Http;
-using quire_test::Lines;
-using quire_test::ScriptedUploadSession;
 namespace net = kestrel::net::status;
 using namespace kestrel::quire;  // NOLINT: status constants
 
 constexpr char kPostUrl[] = "https://docs.quire.example/feeds/upload/create-session/default";
 constexpr std::uint32_t kChunk = 256 * 1024;
-
-QByteArray Pattern(int size, int seed = 1) {
-  QByteArray bytes(size, '\0');
-  std::uint32_t x = 2463534242u * static_cast<std::uint32_t>(seed);
-  for (int i = 0; i < size; ++i) {
-    x ^= x << 13;
-    x ^= x >> 17;
-    x ^= x << 5;
-    bytes[i] = static_cast<char>(x);
-  }
-  return bytes;
-}
 
 // What the upload's callback received.
 struct Outcome {
@@ -134,7 +118,7 @@ class ResumableUploaderTest : public quire_test::ScriptedTest {
 };
 
 TEST_F(ResumableUploaderTest, UploadsAFileInChunksWithTheProtocolsLines) {
-  const QByteArray data = Pattern(1000000);
+  const QByteArray data = PatternBytes(1000000);
   const QString path = WriteFile(data);
   std::vector<ResumableUploader::Progress> reports;
   QString announced;
@@ -191,7 +175,7 @@ TEST_F(ResumableUploaderTest, UploadsAFileInChunksWithTheProtocolsLines) {
 }
 
 TEST_F(ResumableUploaderTest, AFailedChunkIsFollowedByAStatusQueryAndTheRest) {
-  const QByteArray data = Pattern(700000);
+  const QByteArray data = PatternBytes(700000);
   ScriptedUploadSession::Fault busy;
   busy.answer.code = Http(503);
   busy.answer.headers = {QStringLiteral("Retry-After: 0")};
@@ -215,7 +199,7 @@ TEST_F(ResumableUploaderTest, AFailedChunkIsFollowedByAStatusQueryAndTheRest) {
 }
 
 TEST_F(ResumableUploaderTest, ALostConnectionResumesFromWhatTheServerGot) {
-  const QByteArray data = Pattern(600000);
+  const QByteArray data = PatternBytes(600000);
   ScriptedUploadSession::Fault cut;
   cut.answer.code = net::kErrorConnectionReset;
   cut.answer.has_body = false;
@@ -237,7 +221,7 @@ TEST_F(ResumableUploaderTest, TransientFailuresOfTheOpeningPostAreRetried) {
   ScriptedUploadSession::Fault reset;
   reset.answer.code = net::kErrorConnectionReset;
   session_.SetFault(1, reset);
-  const QByteArray data = Pattern(1000);
+  const QByteArray data = PatternBytes(1000);
   Outcome outcome;
   StartFile(WriteFile(data), &outcome);
   Wait(outcome);
@@ -252,7 +236,7 @@ TEST_F(ResumableUploaderTest, AfterTheLastAttemptTheLastFailureIsFinal) {
   busy.headers = {QStringLiteral("Retry-After: 0")};
   session_.FailFrom(2, busy);
   Outcome outcome;
-  StartFile(WriteFile(Pattern(600000)), &outcome);
+  StartFile(WriteFile(PatternBytes(600000)), &outcome);
   Wait(outcome);
   EXPECT_EQ(outcome.info.status, 503);
   EXPECT_TRUE(outcome.had_headers);
@@ -267,7 +251,7 @@ TEST_F(ResumableUploaderTest, PermanentRefusalsEndTheUploadAtOnce) {
   refused.answer.body = "<error/>";
   session_.SetFault(1, refused);
   Outcome outcome;
-  StartFile(WriteFile(Pattern(600000)), &outcome);
+  StartFile(WriteFile(PatternBytes(600000)), &outcome);
   Wait(outcome);
   EXPECT_EQ(outcome.info.status, 403);
   EXPECT_TRUE(outcome.body.isEmpty());
@@ -280,7 +264,7 @@ TEST_F(ResumableUploaderTest, APostAnswerWithoutLocationFails) {
   no_location.answer.code = Http(200);
   session_.SetFault(0, no_location);
   Outcome outcome;
-  const unsigned int id = StartFile(WriteFile(Pattern(10)), &outcome);
+  const unsigned int id = StartFile(WriteFile(PatternBytes(10)), &outcome);
   Wait(outcome);
   EXPECT_EQ(outcome.info.status, kStatusFailure);
   EXPECT_EQ(outcome.info.request_id, id);
@@ -298,7 +282,7 @@ TEST_F(ResumableUploaderTest, ARangeBeyondTheDataOrUnreadableEndsTheUpload) {
     odd.answer.headers = {QString::fromLatin1(range)};
     session.SetFault(1, odd);
     Outcome outcome;
-    StartFile(WriteFile(Pattern(600000)), &outcome);
+    StartFile(WriteFile(PatternBytes(600000)), &outcome);
     Wait(outcome);
     EXPECT_EQ(outcome.info.status, kStatusFailure) << range;
     EXPECT_EQ(uploader_->error(), ResumableUploader::kBadRange) << range;
@@ -307,7 +291,7 @@ TEST_F(ResumableUploaderTest, ARangeBeyondTheDataOrUnreadableEndsTheUpload) {
 }
 
 TEST_F(ResumableUploaderTest, ARangeGoingBackwardsIsSentAgainFromThere) {
-  const QByteArray data = Pattern(800000);
+  const QByteArray data = PatternBytes(800000);
   // After the second chunk the server reports 1000 bytes less than it had confirmed.
   ScriptedUploadSession::Fault lost;
   lost.answer.code = Http(308);
@@ -323,7 +307,7 @@ TEST_F(ResumableUploaderTest, ARangeGoingBackwardsIsSentAgainFromThere) {
 }
 
 TEST_F(ResumableUploaderTest, AnUploadCanBeResumedFromItsSessionAddressByAnotherUploader) {
-  const QByteArray data = Pattern(900000);
+  const QByteArray data = PatternBytes(900000);
   session_.Preload(data.left(300000), data.size());
   Outcome outcome;
   const unsigned int id = uploader_->Resume(
@@ -342,7 +326,7 @@ TEST_F(ResumableUploaderTest, AnUploadCanBeResumedFromItsSessionAddressByAnother
 }
 
 TEST_F(ResumableUploaderTest, ASessionGoneWhileResumingStartsAnewOnlyWhenAllowed) {
-  const QByteArray data = Pattern(300000);
+  const QByteArray data = PatternBytes(300000);
   const QString path = WriteFile(data);
   const QString session = QStringLiteral("https://docs.quire.example/upload/old");
   Outcome refused;
@@ -369,7 +353,7 @@ TEST_F(ResumableUploaderTest, AFileThatShrinksOrChangesFailsBeforeAChangedByteIs
   for (bool shrink : {true, false}) {
     ScriptedUploadSession session;
     session.Install(&transport_);
-    const QByteArray data = Pattern(900000);
+    const QByteArray data = PatternBytes(900000);
     const QString path = WriteFile(data, shrink ? QStringLiteral("a") : QStringLiteral("b"));
     int confirmations = 0;
     uploader_->set_progress_callback([&](const ResumableUploader::Progress& progress) {
@@ -409,7 +393,7 @@ TEST_F(ResumableUploaderTest, CancelBeforeTheFirstAnswerAndTwice) {
     return slow;
   });
   Outcome outcome;
-  const unsigned int id = StartFile(WriteFile(Pattern(1000)), &outcome);
+  const unsigned int id = StartFile(WriteFile(PatternBytes(1000)), &outcome);
   uploader_->Cancel();
   uploader_->Cancel();
   EXPECT_EQ(outcome.calls, 0) << "never inside Cancel";
@@ -440,7 +424,7 @@ TEST_F(ResumableUploaderTest, CancelInTheMiddleOfAChunk) {
     if (progress.bytes_sent == kChunk / 2) uploader_->Cancel();
   });
   Outcome outcome;
-  StartFile(WriteFile(Pattern(600000)), &outcome);
+  StartFile(WriteFile(PatternBytes(600000)), &outcome);
   Wait(outcome);
   EXPECT_EQ(outcome.info.status, kStatusCancelled);
   ASSERT_FALSE(reports.empty());
@@ -465,7 +449,7 @@ TEST_F(ResumableUploaderTest, CancelBetweenChunksWhileWaitingToRecover) {
   });
   Outcome outcome;
   uploader.Start(QString::fromLatin1(kPostUrl), QString(), QStringLiteral("x/y"),
-                 WriteFile(Pattern(600000)), Record(&outcome));
+                 WriteFile(PatternBytes(600000)), Record(&outcome));
   Wait(outcome);
   EXPECT_EQ(outcome.info.status, kStatusCancelled);
   EXPECT_EQ(transport_.requests().size(), 3u);
@@ -478,7 +462,7 @@ TEST_F(ResumableUploaderTest, CancelInsideAProgressReportBetweenChunks) {
   });
   uploader_->set_session_callback([](const QString&) {});
   Outcome outcome;
-  StartFile(WriteFile(Pattern(600000)), &outcome);
+  StartFile(WriteFile(PatternBytes(600000)), &outcome);
   Wait(outcome);
   EXPECT_EQ(outcome.info.status, kStatusCancelled);
   EXPECT_EQ(session_.ranges().size(), 1u) << "no chunk after the cancel";
@@ -490,7 +474,7 @@ TEST_F(ResumableUploaderTest, CancelInsideAProgressReportBetweenChunks) {
   uploader_->set_progress_callback(ResumableUploader::ProgressCallback());
   uploader_->set_session_callback([&](const QString&) { uploader_->Cancel(); });
   Outcome early;
-  StartFile(WriteFile(Pattern(600000), QStringLiteral("f")), &early);
+  StartFile(WriteFile(PatternBytes(600000), QStringLiteral("f")), &early);
   Wait(early);
   EXPECT_EQ(early.info.status, kStatusCancelled);
   EXPECT_TRUE(session.ranges().empty());
@@ -499,7 +483,7 @@ TEST_F(ResumableUploaderTest, CancelInsideAProgressReportBetweenChunks) {
 TEST_F(ResumableUploaderTest, TheHostMayDeleteTheUploaderInsideItsCallbacks) {
   Outcome outcome;
   ResponseCallback record = Record(&outcome);
-  StartFile(WriteFile(Pattern(300000)), &outcome);
+  StartFile(WriteFile(PatternBytes(300000)), &outcome);
   // Replace the uploader's callback by one that deletes it: start again on a fresh uploader.
   delete uploader_;
   uploader_ = new ResumableUploader(connection_, kChunk, QuickPolicy());
@@ -508,7 +492,7 @@ TEST_F(ResumableUploaderTest, TheHostMayDeleteTheUploaderInsideItsCallbacks) {
   session.Install(&transport_);
   int calls = 0;
   uploader_->Start(QString::fromLatin1(kPostUrl), QString(), QStringLiteral("x/y"),
-                   WriteFile(Pattern(300000), QStringLiteral("c")),
+                   WriteFile(PatternBytes(300000), QStringLiteral("c")),
                    [&](NetworkResponseInfo info, QByteArray) {
                      ++calls;
                      EXPECT_EQ(info.status, kStatusSuccess);
@@ -531,7 +515,7 @@ TEST_F(ResumableUploaderTest, TheHostMayDeleteTheUploaderInsideItsCallbacks) {
     }
   });
   uploader_->Start(QString::fromLatin1(kPostUrl), QString(), QStringLiteral("x/y"),
-                   WriteFile(Pattern(600000), QStringLiteral("d")),
+                   WriteFile(PatternBytes(600000), QStringLiteral("d")),
                    [&](NetworkResponseInfo, QByteArray) { ++dropped_calls; });
   RunUntil([&] { return uploader_ == nullptr; });
   RunUntilIdle();
@@ -541,7 +525,7 @@ TEST_F(ResumableUploaderTest, TheHostMayDeleteTheUploaderInsideItsCallbacks) {
 }
 
 TEST_F(ResumableUploaderTest, ARandomAccessDeviceAndASequentialStream) {
-  const QByteArray data = Pattern(700000);
+  const QByteArray data = PatternBytes(700000);
   QByteArray backing = QByteArray("skip") + data;
   QBuffer buffer(&backing);
   ASSERT_TRUE(buffer.open(QIODevice::ReadOnly));
@@ -590,14 +574,14 @@ TEST_F(ResumableUploaderTest, BadArgumentsAndABusyUploaderAreRefusedLater) {
   ResumableUploader zero(connection_, 0, QuickPolicy());
   Outcome no_chunk;
   zero.Start(QString::fromLatin1(kPostUrl), QString(), QStringLiteral("x/y"),
-             WriteFile(Pattern(10)), Record(&no_chunk));
+             WriteFile(PatternBytes(10)), Record(&no_chunk));
   Wait(no_chunk);
   EXPECT_EQ(zero.error(), ResumableUploader::kInvalidArgument);
 
   Outcome first;
   Outcome second;
-  StartFile(WriteFile(Pattern(1000)), &first);
-  EXPECT_EQ(StartFile(WriteFile(Pattern(1000), QStringLiteral("e")), &second), 0u);
+  StartFile(WriteFile(PatternBytes(1000)), &first);
+  EXPECT_EQ(StartFile(WriteFile(PatternBytes(1000), QStringLiteral("e")), &second), 0u);
   RunUntil([&] { return first.calls > 0 && second.calls > 0; });
   EXPECT_EQ(second.info.status, kStatusFailure);
   EXPECT_EQ(first.info.status, kStatusSuccess) << "the running upload went on";
@@ -612,7 +596,7 @@ TEST_F(ResumableUploaderTest, PositionsBeyondFourGibibytesAreWrittenInFull) {
     ASSERT_TRUE(file.open(QIODevice::WriteOnly));
     ASSERT_TRUE(file.resize(4294967296LL + 1000));
     ASSERT_TRUE(file.seek(4294967296LL));
-    ASSERT_EQ(file.write(Pattern(1000)), 1000);
+    ASSERT_EQ(file.write(PatternBytes(1000)), 1000);
   }
   transport_.SetResponder(kestrel::net::ScriptedTransport::Responder());
   transport_.Enqueue(Http(308), QByteArray(), {QStringLiteral("Range: bytes=0-4294967295")});
@@ -627,7 +611,7 @@ TEST_F(ResumableUploaderTest, PositionsBeyondFourGibibytesAreWrittenInFull) {
   EXPECT_EQ(Lines(requests[0]).back(), QStringLiteral("Content-Range: bytes */4294968296"));
   EXPECT_EQ(Lines(requests[1]).back(),
             QStringLiteral("Content-Range: bytes 4294967296-4294968295/4294968296"));
-  EXPECT_EQ(requests[1].body, Pattern(1000));
+  EXPECT_EQ(requests[1].body, PatternBytes(1000));
 }
 
 }  // namespace

@@ -13,7 +13,7 @@
 
 #include "quire/connection/i_connection.h"
 
-namespace quire_upload_test {
+namespace quire_test::upload {
 
 using kestrel::quire::ConnectionParams;
 using kestrel::quire::IConnection;
@@ -144,4 +144,13 @@ class OutcomeRecorder {
   std::vector<Outcome> outcomes_;
 };
 
-}  // namespace quire_upload_test
+// Checks an upload that the library ended itself without an answer to pass on: status 2 for the
+// request `request_id`, no response lines and no body.
+inline void ExpectMadeUpFailure(const Outcome& outcome, unsigned int request_id) {
+  EXPECT_EQ(outcome.info.status, 2);
+  EXPECT_EQ(outcome.info.request_id, request_id);
+  EXPECT_EQ(outcome.headers_pointer, nullptr);
+  EXPECT_TRUE(outcome.body_is_empty);
+}
+
+}  // namespace quire_test::upload

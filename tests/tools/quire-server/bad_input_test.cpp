@@ -9,7 +9,7 @@
 #include "tests/tools/quire-server/raw_connection.h"
 #include "tests/tools/quire-server/server_test.h"
 
-namespace quire_server_test {
+namespace quire_test::server {
 namespace {
 
 namespace q = kestrel::quire;
@@ -262,4 +262,4 @@ TEST_F(BadInputTest, MalformedHttpIs400WithAnErrorDocument) {
 }
 
 }  // namespace
-}  // namespace quire_server_test
+}  // namespace quire_test::server

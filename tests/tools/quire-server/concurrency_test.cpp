@@ -9,7 +9,7 @@
 #include "quire/model/link_relations.h"
 #include "tests/tools/quire-server/server_test.h"
 
-namespace quire_server_test {
+namespace quire_test::server {
 namespace {
 
 namespace q = kestrel::quire;
@@ -164,4 +164,4 @@ TEST_F(ConcurrencyTest, ConcurrentChunksToOneSessionAreTakenOneAtATime) {
 }
 
 }  // namespace
-}  // namespace quire_server_test
+}  // namespace quire_test::server

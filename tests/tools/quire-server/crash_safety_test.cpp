@@ -13,7 +13,7 @@
 #include "quire/services/endpoints.h"
 #include "tests/tools/quire-server/server_test.h"
 
-namespace quire_server_test {
+namespace quire_test::server {
 namespace {
 
 constexpr int kClients = 50;
@@ -187,4 +187,4 @@ TEST(CrashSafetyTest, AnsweredDocumentsSurviveKillsAndNoneIsPartial) {
 }
 
 }  // namespace
-}  // namespace quire_server_test
+}  // namespace quire_test::server

@@ -11,7 +11,7 @@
 #include "quire/services/endpoints.h"
 #include "tests/tools/quire-server/server_test.h"
 
-namespace quire_server_test {
+namespace quire_test::server {
 namespace {
 
 namespace fs = std::filesystem;
@@ -188,4 +188,4 @@ TEST_F(LifecycleTest, UsesTheCertificateItIsGiven) {
 }
 
 }  // namespace
-}  // namespace quire_server_test
+}  // namespace quire_test::server

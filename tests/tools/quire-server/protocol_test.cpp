@@ -11,7 +11,7 @@
 #include "tests/tools/quire-server/raw_connection.h"
 #include "tests/tools/quire-server/server_test.h"
 
-namespace quire_server_test {
+namespace quire_test::server {
 namespace {
 
 namespace q = kestrel::quire;
@@ -616,4 +616,4 @@ TEST_F(ProtocolTest, UnprovidedAddressesAnswerWithErrorDocuments) {
 }
 
 }  // namespace
-}  // namespace quire_server_test
+}  // namespace quire_test::server

@@ -6,7 +6,7 @@
 
 #include "tests/tools/quire-server/server_test.h"
 
-namespace quire_server_test {
+namespace quire_test::server {
 namespace {
 
 class RangeTest : public ServerTest {
@@ -147,4 +147,4 @@ TEST_F(RangeTest, RangeOfALargeDocumentIsStreamedFromItsFile) {
 }
 
 }  // namespace
-}  // namespace quire_server_test
+}  // namespace quire_test::server

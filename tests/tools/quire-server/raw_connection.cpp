@@ -10,7 +10,7 @@
 #include <chrono>
 #include <cstdlib>
 
-namespace quire_server_test {
+namespace quire_test::server {
 namespace {
 
 int Remaining(std::chrono::steady_clock::time_point deadline) {
@@ -99,4 +99,4 @@ std::string BodyOf(const std::string& answer) {
   return end == std::string::npos ? std::string() : answer.substr(end + 4);
 }
 
-}  // namespace quire_server_test
+}  // namespace quire_test::server

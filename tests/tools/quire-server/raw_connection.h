@@ -5,7 +5,7 @@
 
 #include <string>
 
-namespace quire_server_test {
+namespace quire_test::server {
 
 class RawConnection {
  public:
@@ -32,4 +32,4 @@ int StatusOf(const std::string& answer);
 // The body of such an answer.
 std::string BodyOf(const std::string& answer);
 
-}  // namespace quire_server_test
+}  // namespace quire_test::server

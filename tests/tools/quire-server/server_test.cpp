@@ -7,19 +7,7 @@
 
 #include "quire/services/endpoints.h"
 
-namespace quire_server_test {
-
-TempDir::TempDir() {
-  std::string pattern = (std::filesystem::temp_directory_path() / "quire-test-XXXXXX").string();
-  std::vector<char> name(pattern.begin(), pattern.end());
-  name.push_back('\0');
-  if (::mkdtemp(name.data()) != nullptr) path_ = name.data();
-}
-
-TempDir::~TempDir() {
-  std::error_code ignored;
-  if (!path_.empty()) std::filesystem::remove_all(path_, ignored);
-}
+namespace quire_test::server {
 
 void ServerTest::Start(const std::vector<std::string>& extra_args, bool http) {
   http_ = http;
@@ -156,4 +144,4 @@ std::string RandomBytes(std::size_t size, unsigned seed) {
   return bytes;
 }
 
-}  // namespace quire_server_test
+}  // namespace quire_test::server

@@ -8,22 +8,12 @@
 #include <string>
 #include <vector>
 
-#include "tests/tools/quire-server/atom_view.h"
-#include "tests/tools/quire-server/http_client.h"
-#include "tests/tools/quire-server/server_process.h"
+#include "tests/support/atom_view.h"
+#include "tests/support/http_client.h"
+#include "tests/support/server_process.h"
+#include "tests/support/temp_dir.h"
 
-namespace quire_server_test {
-
-// A folder removed with everything in it when the object goes away.
-class TempDir {
- public:
-  TempDir();
-  ~TempDir();
-  const std::string& path() const { return path_; }
-
- private:
-  std::string path_;
-};
+namespace quire_test::server {
 
 constexpr char kToken[] = "quire-demo-token";
 constexpr char kAccount[] = "demo@quire.example";
@@ -79,4 +69,4 @@ class ServerTest : public ::testing::Test {
 // Random bytes (deterministic for a seed).
 std::string RandomBytes(std::size_t size, unsigned seed);
 
-}  // namespace quire_server_test
+}  // namespace quire_test::server
