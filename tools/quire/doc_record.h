@@ -15,22 +15,26 @@ class DocsEntry;
 namespace quire_cli {
 
 struct DocRecord {
-  // A copy of `entry`, field by field.
+  // A copy of every field of `entry`, grouped by what the command does with them.
   static DocRecord FromEntry(const kestrel::quire::DocsEntry& entry);
 
-  QUrl acl_feed_link;
+  // The columns of `ls`; the entity tag also guards `rm` and `replace`.
+  QString title;
+  QString content_type;
+  QString updated;
+  bool starred = false;
+  bool removed = false;
+  QString etag;
+  // How the command names a document in its messages and finds the one it uploaded.
+  QString id;
+  // Where `get` reads the content and `replace`, `rm` and `upload` send their requests.
+  QUrl content_src;
   QUrl edit_link;
   QUrl resumable_edit_media_link;
-  QString etag;
-  QString id;
-  QStringList reserved_strings;
-  QString updated;
-  QString content_type;
+  // Carried into `ls --json` only.
+  QUrl acl_feed_link;
   QUrl revisions_feed_link;
-  QString title;
-  QUrl content_src;
-  bool removed = false;
-  bool starred = false;
+  QStringList reserved_strings;
 };
 
 }  // namespace quire_cli
