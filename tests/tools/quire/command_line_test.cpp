@@ -208,6 +208,20 @@ class CommandLineTest : public quire_test::ScriptedTest {
     return dir_.filePath(QStringLiteral("upload.json")).toStdString();
   }
 
+  // Writes StateFile() as an upload of `file` to kSession that was cut off would have left it,
+  // saying the file had `size` bytes when the upload started.
+  void SaveState(const QString& file, std::int64_t size, std::uint32_t chunk_size,
+                 const QString& content_type = QString()) const {
+    quire_cli::UploadState state;
+    state.session_url = kSession;
+    state.file_path = file;
+    state.file_size = size;
+    state.file_modified_ms = QFileInfo(file).lastModified().toMSecsSinceEpoch();
+    state.content_type = content_type;
+    state.chunk_size = chunk_size;
+    state.Save(QString::fromStdString(StateFile()));
+  }
+
   std::deque<ScriptedTransport::Answer> answers_;
   std::vector<QByteArray> bodies_;
   QTemporaryDir dir_;
@@ -648,14 +662,7 @@ TEST_F(CommandLineTest, AnInterruptedUploadKeepsItsStateAndContinuesWithResume) 
 
 TEST_F(CommandLineTest, ResumeOfASessionThatHoldsNothingStartsAtZero) {
   const QString file = Write(QStringLiteral("z.bin"), PatternBytes(5));
-  quire_cli::UploadState state;
-  state.session_url = kSession;
-  state.file_path = file;
-  state.file_size = 5;
-  state.file_modified_ms = QFileInfo(file).lastModified().toMSecsSinceEpoch();
-  state.content_type = QStringLiteral("text/plain");
-  state.chunk_size = 100;
-  state.Save(QString::fromStdString(StateFile()));
+  SaveState(file, 5, 100, QStringLiteral("text/plain"));
   Enqueue(Http(308));
   Enqueue(Http(201), Entry({QStringLiteral("d4"), QStringLiteral("z"), QStringLiteral("\"e4\"")}));
   const Result result = Run({"upload", "--resume", "--state-file", StateFile()});
@@ -667,13 +674,7 @@ TEST_F(CommandLineTest, ResumeOfASessionThatHoldsNothingStartsAtZero) {
 
 TEST_F(CommandLineTest, ResumeOfAnUploadThatHadFinishedReportsTheDocument) {
   const QString file = Write(QStringLiteral("done.bin"), PatternBytes(5));
-  quire_cli::UploadState state;
-  state.session_url = kSession;
-  state.file_path = file;
-  state.file_size = 5;
-  state.file_modified_ms = QFileInfo(file).lastModified().toMSecsSinceEpoch();
-  state.chunk_size = 100;
-  state.Save(QString::fromStdString(StateFile()));
+  SaveState(file, 5, 100);
   Enqueue(Http(201),
           Entry({QStringLiteral("d5"), QStringLiteral("done"), QStringLiteral("\"e5\"")}));
   const Result result = Run({"upload", "--resume", "--state-file", StateFile()});
@@ -685,13 +686,7 @@ TEST_F(CommandLineTest, ResumeOfAnUploadThatHadFinishedReportsTheDocument) {
 
 TEST_F(CommandLineTest, ResumeRefusesAFileThatChangedAndForgetsTheState) {
   const QString file = Write(QStringLiteral("c.bin"), PatternBytes(25));
-  quire_cli::UploadState state;
-  state.session_url = kSession;
-  state.file_path = file;
-  state.file_size = 24;  // the file has grown since
-  state.file_modified_ms = QFileInfo(file).lastModified().toMSecsSinceEpoch();
-  state.chunk_size = 10;
-  state.Save(QString::fromStdString(StateFile()));
+  SaveState(file, 24, 10);  // the file has grown since
   const Result result = Run({"upload", "--resume", "--state-file", StateFile()});
   EXPECT_EQ(result.code, 1);
   EXPECT_NE(result.err.find("changed since its upload started"), std::string::npos) << result.err;
@@ -707,13 +702,7 @@ TEST_F(CommandLineTest, ResumeWithoutAnInterruptedUploadIsAUsageFailure) {
 
 TEST_F(CommandLineTest, ResumeOfASessionThatIsGoneIsNotFoundAndForgetsTheState) {
   const QString file = Write(QStringLiteral("g.bin"), PatternBytes(5));
-  quire_cli::UploadState state;
-  state.session_url = kSession;
-  state.file_path = file;
-  state.file_size = 5;
-  state.file_modified_ms = QFileInfo(file).lastModified().toMSecsSinceEpoch();
-  state.chunk_size = 10;
-  state.Save(QString::fromStdString(StateFile()));
+  SaveState(file, 5, 10);
   Enqueue(Http(404));
   const Result result = Run({"upload", "--resume", "--state-file", StateFile()});
   EXPECT_EQ(result.code, 5);
