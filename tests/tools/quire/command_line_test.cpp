@@ -20,6 +20,7 @@
 #include "quire/model/link_relations.h"
 #include "tests/support/data_pattern.h"
 #include "tests/support/test_support.h"
+#include "tests/tools/quire/in_process_quire.h"
 #include "tools/quire/cli_failure.h"
 #include "tools/quire/upload_state.h"
 
@@ -161,33 +162,22 @@ class CommandLineTest : public quire_test::ScriptedTest {
     answers_.push_back(answer);
   }
 
-  struct Result {
-    int code;
-    std::string out;
-    std::string err;
-  };
+  using Result = quire_test::QuireRun;
 
   Result Run(std::vector<std::string> args, const QString& token = QString::fromLatin1(kToken)) {
-    std::ostringstream out;
-    std::ostringstream err;
     HostEnvironment host;
-    host.out = &out;
-    host.err = &err;
     host.err_is_terminal = terminal_;
     host.token_variable = token;
-    host.make_transport = [this](const ClientOptions& options) {
-      ++transports_made_;
-      options_ = options;
-      return std::shared_ptr<kestrel::net::ITransport>(&transport_,
-                                                       [](kestrel::net::ITransport*) {});
-    };
-    args.insert(args.begin(), "quire");
-    CommandLine command_line(&host);
-    const int code = command_line.Run(args);
-    const Result result{code, out.str(), err.str()};
+    const Result result = quire_test::RunQuireInProcess(
+        host, &transport_,
+        [this](const ClientOptions& options) {
+          ++transports_made_;
+          options_ = options;
+        },
+        std::move(args));
     // Every failure ends with exactly one line that starts with "quire: ", and nothing shows the
     // token.
-    if (code != 0) {
+    if (result.code != 0) {
       EXPECT_EQ(LastLine(result.err).rfind("quire: ", 0), 0u) << result.err;
       EXPECT_NE(LastLine(result.err).find("; "), std::string::npos) << result.err;
     }
