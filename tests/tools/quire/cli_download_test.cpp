@@ -50,6 +50,21 @@ class CliDownloadTest : public quire_test::cli::CliEndToEndTest {
     return all;
   }
 
+  // Restarts the emulator with slow, small answers and starts "quire get `title` -o `target`",
+  // returning once `target`.part holds at least `part_bytes` (or after 20 seconds), so that the
+  // run can be stopped in the middle.
+  ProcessRunner::Child StartSlowGet(const char* title, const QString& target, qint64 part_bytes) {
+    StartServer({QStringLiteral("--fault-close-response-after"), QStringLiteral("40000"),
+                 QStringLiteral("--fault-delay-ms"), QStringLiteral("40")});
+    ProcessRunner::Child child = runner_->Start(Args({"get", title, "-o", target.toStdString()}));
+    const QString part = target + QStringLiteral(".part");
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+    while (QFileInfo(part).size() < part_bytes && std::chrono::steady_clock::now() < deadline) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    return child;
+  }
+
   // Uploads `bytes` as a document named `title`.
   void Put(const char* title, const QByteArray& bytes) {
     const QString file = Path("source.bin");
@@ -120,16 +135,9 @@ TEST_F(CliDownloadTest, AnswersCutMidBodyAtSeveralOffsetsCompleteWithIdenticalBy
 TEST_F(CliDownloadTest, KilledRunContinuesWithOnlyTheMissingBytes) {
   const QByteArray content = PatternBytes(1024 * 1024, 5);
   Put("Killed", content);
-  // Slow, small answers, so that the run can be killed in the middle.
-  StartServer({QStringLiteral("--fault-close-response-after"), QStringLiteral("40000"),
-               QStringLiteral("--fault-delay-ms"), QStringLiteral("40")});
   const QString target = Path("out/killed.bin");
   const QString part = target + QStringLiteral(".part");
-  ProcessRunner::Child child = runner_->Start(Args({"get", "Killed", "-o", target.toStdString()}));
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-  while (QFileInfo(part).size() < 100000 && std::chrono::steady_clock::now() < deadline) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(5));
-  }
+  ProcessRunner::Child child = StartSlowGet("Killed", target, 100000);
   ::kill(child.pid, SIGKILL);
   runner_->Wait(&child, 20);
   const qint64 kept = QFileInfo(part).size();
@@ -149,16 +157,9 @@ TEST_F(CliDownloadTest, KilledRunContinuesWithOnlyTheMissingBytes) {
 TEST_F(CliDownloadTest, CtrlCStopsWithExitCode130AndSaysHowToContinue) {
   const QByteArray content = PatternBytes(1024 * 1024, 10);
   Put("Interrupted", content);
-  StartServer({QStringLiteral("--fault-close-response-after"), QStringLiteral("40000"),
-               QStringLiteral("--fault-delay-ms"), QStringLiteral("40")});
   const QString target = Path("out/interrupted.bin");
   const QString part = target + QStringLiteral(".part");
-  ProcessRunner::Child child =
-      runner_->Start(Args({"get", "Interrupted", "-o", target.toStdString()}));
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-  while (QFileInfo(part).size() < 50000 && std::chrono::steady_clock::now() < deadline) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(5));
-  }
+  ProcessRunner::Child child = StartSlowGet("Interrupted", target, 50000);
   ::kill(child.pid, SIGINT);
   ProcessResult result = runner_->Wait(&child, 20);
   EXPECT_EQ(result.exit_code, 130) << result.err;
