@@ -50,10 +50,12 @@ class CliDownloadTest : public quire_test::cli::CliEndToEndTest {
     return all;
   }
 
-  // Restarts the emulator with slow, small answers and starts "quire get `title` -o `target`",
-  // returning once `target`.part holds at least `part_bytes` (or after 20 seconds), so that the
-  // run can be stopped in the middle.
-  ProcessRunner::Child StartSlowGet(const char* title, const QString& target, qint64 part_bytes) {
+  // Uploads `content` as a document named `title`, restarts the emulator with slow, small answers
+  // and starts "quire get `title` -o `target`", returning once `target`.part holds at least
+  // `part_bytes` (or after 20 seconds), so that the run can be stopped in the middle.
+  ProcessRunner::Child StartSlowGet(const char* title, const QByteArray& content,
+                                    const QString& target, qint64 part_bytes) {
+    Put(title, content);
     StartServer({QStringLiteral("--fault-close-response-after"), QStringLiteral("40000"),
                  QStringLiteral("--fault-delay-ms"), QStringLiteral("40")});
     ProcessRunner::Child child = runner_->Start(Args({"get", title, "-o", target.toStdString()}));
@@ -134,10 +136,9 @@ TEST_F(CliDownloadTest, AnswersCutMidBodyAtSeveralOffsetsCompleteWithIdenticalBy
 
 TEST_F(CliDownloadTest, KilledRunContinuesWithOnlyTheMissingBytes) {
   const QByteArray content = PatternBytes(1024 * 1024, 5);
-  Put("Killed", content);
   const QString target = Path("out/killed.bin");
   const QString part = target + QStringLiteral(".part");
-  ProcessRunner::Child child = StartSlowGet("Killed", target, 100000);
+  ProcessRunner::Child child = StartSlowGet("Killed", content, target, 100000);
   ::kill(child.pid, SIGKILL);
   runner_->Wait(&child, 20);
   const qint64 kept = QFileInfo(part).size();
@@ -156,10 +157,9 @@ TEST_F(CliDownloadTest, KilledRunContinuesWithOnlyTheMissingBytes) {
 
 TEST_F(CliDownloadTest, CtrlCStopsWithExitCode130AndSaysHowToContinue) {
   const QByteArray content = PatternBytes(1024 * 1024, 10);
-  Put("Interrupted", content);
   const QString target = Path("out/interrupted.bin");
   const QString part = target + QStringLiteral(".part");
-  ProcessRunner::Child child = StartSlowGet("Interrupted", target, 50000);
+  ProcessRunner::Child child = StartSlowGet("Interrupted", content, target, 50000);
   ::kill(child.pid, SIGINT);
   ProcessResult result = runner_->Wait(&child, 20);
   EXPECT_EQ(result.exit_code, 130) << result.err;
