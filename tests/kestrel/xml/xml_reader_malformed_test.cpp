@@ -11,12 +11,7 @@
 
 namespace {
 
-using quire_test::xml::Read;
-using quire_test::xml::Shown;
-using quire_test::xml::U8;
-
-using quire_test::xml::ExpectAccepted;
-using quire_test::xml::ExpectRefused;
+using namespace quire_test::xml;  // NOLINT(build/namespaces): the XML tests' helpers
 
 class XmlReaderMalformedTest : public quire_test::xml::XmlTest {};
 

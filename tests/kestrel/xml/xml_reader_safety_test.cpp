@@ -22,8 +22,7 @@
 
 namespace {
 
-using quire_test::xml::Read;
-using quire_test::xml::U8;
+using namespace quire_test::xml;  // NOLINT(build/namespaces): the XML tests' helpers
 
 class XmlReaderSafetyTest : public quire_test::xml::XmlTest {
  protected:

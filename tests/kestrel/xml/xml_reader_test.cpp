@@ -12,10 +12,7 @@ namespace {
 
 using kestrel::XmlAttribute;
 using kestrel::XmlNode;
-using quire_test::xml::Child;
-using quire_test::xml::ChildCount;
-using quire_test::xml::Read;
-using quire_test::xml::U8;
+using namespace quire_test::xml;  // NOLINT(build/namespaces): the XML tests' helpers
 
 class XmlReaderTest : public quire_test::xml::XmlTest {};
 

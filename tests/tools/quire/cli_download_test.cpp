@@ -51,10 +51,10 @@ class CliDownloadTest : public quire_test::cli::CliEndToEndTest {
   }
 
   // Uploads `content` as a document named `title`, restarts the emulator with slow, small answers
-  // and starts "quire get `title` -o `target`", returning once `target`.part holds at least
-  // `part_bytes` (or after 20 seconds), so that the run can be stopped in the middle.
-  ProcessRunner::Child StartSlowGet(const char* title, const QByteArray& content,
-                                    const QString& target, qint64 part_bytes) {
+  // and starts "quire get `title` -o `target`"; once `target`.part holds at least `part_bytes` (or
+  // after 20 seconds) sends the run `signal_number` and returns how it ended.
+  ProcessResult InterruptSlowGet(const char* title, const QByteArray& content,
+                                 const QString& target, qint64 part_bytes, int signal_number) {
     Put(title, content);
     StartServer({QStringLiteral("--fault-close-response-after"), QStringLiteral("40000"),
                  QStringLiteral("--fault-delay-ms"), QStringLiteral("40")});
@@ -64,7 +64,8 @@ class CliDownloadTest : public quire_test::cli::CliEndToEndTest {
     while (QFileInfo(part).size() < part_bytes && std::chrono::steady_clock::now() < deadline) {
       std::this_thread::sleep_for(std::chrono::milliseconds(5));
     }
-    return child;
+    ::kill(child.pid, signal_number);
+    return runner_->Wait(&child, 20);
   }
 
   // Uploads `bytes` as a document named `title`.
@@ -138,9 +139,7 @@ TEST_F(CliDownloadTest, KilledRunContinuesWithOnlyTheMissingBytes) {
   const QByteArray content = PatternBytes(1024 * 1024, 5);
   const QString target = Path("out/killed.bin");
   const QString part = target + QStringLiteral(".part");
-  ProcessRunner::Child child = StartSlowGet("Killed", content, target, 100000);
-  ::kill(child.pid, SIGKILL);
-  runner_->Wait(&child, 20);
+  InterruptSlowGet("Killed", content, target, 100000, SIGKILL);
   const qint64 kept = QFileInfo(part).size();
   ASSERT_GT(kept, 0);
   ASSERT_LT(kept, content.size());
@@ -159,9 +158,7 @@ TEST_F(CliDownloadTest, CtrlCStopsWithExitCode130AndSaysHowToContinue) {
   const QByteArray content = PatternBytes(1024 * 1024, 10);
   const QString target = Path("out/interrupted.bin");
   const QString part = target + QStringLiteral(".part");
-  ProcessRunner::Child child = StartSlowGet("Interrupted", content, target, 50000);
-  ::kill(child.pid, SIGINT);
-  ProcessResult result = runner_->Wait(&child, 20);
+  ProcessResult result = InterruptSlowGet("Interrupted", content, target, 50000, SIGINT);
   EXPECT_EQ(result.exit_code, 130) << result.err;
   EXPECT_NE(LastLine(result.err).find("--continue"), std::string::npos) << result.err;
   EXPECT_GT(QFileInfo(part).size(), 0);
