@@ -20,23 +20,34 @@ std::map<std::string, std::string> Namespaces(const pugi::xml_node& node) {
   return result;
 }
 
+// Reads the root element `node` into `head` when it is named `root_name`; false when it is not.
+bool ReadHead(const pugi::xml_node& node, const char* root_name, AtomHeadView* head) {
+  if (std::strcmp(node.name(), root_name) != 0) return false;
+  head->parsed = true;
+  head->namespaces = Namespaces(node);
+  if (pugi::xml_attribute etag = node.attribute("qr:etag")) {
+    head->has_etag = true;
+    head->etag = etag.value();
+  }
+  return true;
+}
+
+// Reads `child` (named `name`) into `head` when it is one of the children heads have.
+void ReadHeadChild(const std::string& name, const pugi::xml_node& child, AtomHeadView* head) {
+  if (name == "id") head->id = child.text().get();
+  if (name == "updated") head->updated = child.text().get();
+  if (name == "title") head->title = child.text().get();
+}
+
 EntryView ReadEntry(const pugi::xml_node& node) {
   EntryView entry;
-  if (std::strcmp(node.name(), "entry") != 0) return entry;
-  entry.parsed = true;
-  entry.namespaces = Namespaces(node);
-  if (pugi::xml_attribute etag = node.attribute("qr:etag")) {
-    entry.has_etag = true;
-    entry.etag = etag.value();
-  }
+  if (!ReadHead(node, "entry", &entry)) return entry;
   for (pugi::xml_node child : node.children()) {
     if (child.type() != pugi::node_element) continue;
     std::string name = child.name();
     std::string rel = child.attribute("rel").value();
     std::string href = child.attribute("href").value();
-    if (name == "id") entry.id = child.text().get();
-    if (name == "updated") entry.updated = child.text().get();
-    if (name == "title") entry.title = child.text().get();
+    ReadHeadChild(name, child, &entry);
     if (name == "content") {
       entry.content_type = child.attribute("type").value();
       entry.content_src = child.attribute("src").value();
@@ -69,19 +80,11 @@ FeedView AtomView::ParseFeed(const std::string& xml) {
   pugi::xml_document doc;
   if (!doc.load_buffer(xml.data(), xml.size())) return feed;
   pugi::xml_node root = doc.document_element();
-  if (std::strcmp(root.name(), "feed") != 0) return feed;
-  feed.parsed = true;
-  feed.namespaces = Namespaces(root);
-  if (pugi::xml_attribute etag = root.attribute("qr:etag")) {
-    feed.has_etag = true;
-    feed.etag = etag.value();
-  }
+  if (!ReadHead(root, "feed", &feed)) return feed;
   for (pugi::xml_node child : root.children()) {
     if (child.type() != pugi::node_element) continue;
     std::string name = child.name();
-    if (name == "id") feed.id = child.text().get();
-    if (name == "updated") feed.updated = child.text().get();
-    if (name == "title") feed.title = child.text().get();
+    ReadHeadChild(name, child, &feed);
     if (name == "link")
       feed.links[child.attribute("rel").value()] = child.attribute("href").value();
     if (name == "openSearch:totalResults") feed.total_results = child.text().get();

@@ -8,7 +8,9 @@
 
 namespace quire_test {
 
-struct EntryView {
+// What entries and feeds both have: the root element's namespaces and entity tag, and the id,
+// updated and title children.
+struct AtomHeadView {
   bool parsed = false;
   // Namespace declarations on the root element (prefix -> URI; "" for the default).
   std::map<std::string, std::string> namespaces;
@@ -17,6 +19,9 @@ struct EntryView {
   std::string id;
   std::string updated;
   std::string title;
+};
+
+struct EntryView : AtomHeadView {
   std::string content_type;
   std::string content_src;
   std::string edit;
@@ -29,14 +34,7 @@ struct EntryView {
   bool removed = false;
 };
 
-struct FeedView {
-  bool parsed = false;
-  std::map<std::string, std::string> namespaces;
-  std::string etag;
-  bool has_etag = false;
-  std::string id;
-  std::string updated;
-  std::string title;
+struct FeedView : AtomHeadView {
   // rel -> href of the feed's link children.
   std::map<std::string, std::string> links;
   std::string total_results;

@@ -30,19 +30,24 @@ inline std::uint64_t PatternWord(std::uint64_t index) {
   return z ^ (z >> 31);
 }
 
+// The pattern's byte at `position`.
+inline char PatternByte(std::uint64_t position) {
+  return static_cast<char>(PatternWord(position >> 3) >> ((position & 7) * 8));
+}
+
 // Writes the pattern's bytes [offset, offset + length) to `out`.
 QUIRE_TEST_PATTERN_FAST inline void FillPattern(char* out, std::uint64_t offset,
                                                 std::size_t length) {
   std::size_t i = 0;
   while (i < length) {
-    const std::uint64_t word = PatternWord((offset + i) >> 3);
-    const std::size_t shift = static_cast<std::size_t>((offset + i) & 7);
-    if (shift == 0 && length - i >= 8) {
+    const std::uint64_t position = offset + i;
+    if ((position & 7) == 0 && length - i >= 8) {
+      const std::uint64_t word = PatternWord(position >> 3);
       std::memcpy(out + i, &word, 8);
       i += 8;
       continue;
     }
-    out[i] = static_cast<char>(word >> (shift * 8));
+    out[i] = PatternByte(position);
     ++i;
   }
 }
@@ -54,25 +59,20 @@ QUIRE_TEST_PATTERN_FAST inline std::size_t FindPatternMismatch(const char* data,
                                                                std::size_t length) {
   std::size_t i = 0;
   while (i < length) {
-    const std::uint64_t word = PatternWord((offset + i) >> 3);
-    const std::size_t shift = static_cast<std::size_t>((offset + i) & 7);
-    if (shift == 0 && length - i >= 8) {
+    const std::uint64_t position = offset + i;
+    if ((position & 7) == 0 && length - i >= 8) {
       std::uint64_t got;
       std::memcpy(&got, data + i, 8);
-      if (got != word) break;
+      if (got != PatternWord(position >> 3)) break;
       i += 8;
       continue;
     }
-    if (data[i] != static_cast<char>(word >> (shift * 8))) return i;
+    if (data[i] != PatternByte(position)) return i;
     ++i;
   }
-  while (i < length) {  // locate the byte inside the differing word
-    const std::uint64_t word = PatternWord((offset + i) >> 3);
-    const std::size_t shift = static_cast<std::size_t>((offset + i) & 7);
-    if (data[i] != static_cast<char>(word >> (shift * 8))) return i;
-    ++i;
-  }
-  return length;
+  // Locates the byte inside a differing word.
+  while (i < length && data[i] == PatternByte(offset + i)) ++i;
+  return i;
 }
 
 // `size` bytes of the pattern's stream numbered `seed`: different at every position, and different

@@ -66,4 +66,14 @@ inline std::vector<QString> Lines(const kestrel::net::ScriptedTransport::Seen& s
   return lines;
 }
 
+// Checks that a recorded request came through a manager made as ConnectionManager(4, 2, true, 60.0,
+// 60), the way the library's Connection makes its own.
+inline void ExpectConnectionDefaults(const kestrel::net::ConnectionOptions& options) {
+  EXPECT_EQ(options.max_connections_per_host, 4);
+  EXPECT_EQ(options.max_idle_connections_per_host, 2);
+  EXPECT_TRUE(options.keep_alive);
+  EXPECT_DOUBLE_EQ(options.stall_timeout_seconds, 60.0);
+  EXPECT_EQ(options.idle_connection_seconds, 60);
+}
+
 }  // namespace quire_test

@@ -76,11 +76,7 @@ TEST_F(CurlBodyTest, ResponseBufferIsReservedFromContentLength) {
   ConnectionManager manager(4, 2, true, 60.0, 60);
   RecordingCallback recorder;
   const QString url = DocsUrl(QStringLiteral("/bytes/%1").arg(size));
-  NetworkRequest::Info info(HttpRequest::kGet, QByteArray(), url, {}, true, &recorder, nullptr,
-                            NetworkRequest::Info::kStandard);
-  ServerInfo server(url);
-  manager.StartRequest(server, info);
-  RunUntil([&] { return recorder.calls > 0; });
+  ManagerGet(&manager, url, &recorder);
   EXPECT_EQ(recorder.code, kestrel::net::status::FromHttp(200));
   ASSERT_TRUE(recorder.had_buffer);
   EXPECT_EQ(static_cast<std::size_t>(recorder.body.size()), size);
@@ -91,11 +87,7 @@ TEST_F(CurlBodyTest, ResponseWithoutBodyHasNoBuffer) {
   ConnectionManager manager(4, 2, true, 60.0, 60);
   RecordingCallback recorder;
   const QString url = DocsUrl(QStringLiteral("/status/204"));
-  NetworkRequest::Info info(HttpRequest::kGet, QByteArray(), url, {}, true, &recorder, nullptr,
-                            NetworkRequest::Info::kStandard);
-  ServerInfo server(url);
-  manager.StartRequest(server, info);
-  RunUntil([&] { return recorder.calls > 0; });
+  ManagerGet(&manager, url, &recorder);
   EXPECT_EQ(recorder.code, kestrel::net::status::FromHttp(204));
   EXPECT_FALSE(recorder.had_buffer);
 }

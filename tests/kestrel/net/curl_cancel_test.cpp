@@ -79,15 +79,13 @@ class CurlCancelTest : public CurlTest {
 };
 
 TEST_F(CurlCancelTest, CancellingARequestThatGetsNoAnswerEndsItAtOnce) {
-  RawServer raw(server_certificate().certificate_file, server_certificate().key_file,
-                {{"", Reply::kDrain}});
-  ASSERT_TRUE(raw.ok());
-  MapDocsTo(raw.port());
+  const auto raw = ServeDocsFrom({{"", Reply::kDrain}});
+  ASSERT_NE(raw, nullptr);
   ConnectionManager manager(4, 2, true, 60.0, 60);
   ProgressRecorder recorder;
   NetworkRequest* request =
       Start(&manager, &recorder, HttpRequest::kGet, DocsUrl(QStringLiteral("/hang")));
-  Poll([&] { return raw.requests().size() == 1; });
+  Poll([&] { return raw->requests().size() == 1; });
   const auto cancelled_at = std::chrono::steady_clock::now();
   manager.CancelRequest(request);
   EXPECT_EQ(recorder.calls, 0) << "never inside CancelRequest";
@@ -99,7 +97,7 @@ TEST_F(CurlCancelTest, CancellingARequestThatGetsNoAnswerEndsItAtOnce) {
       << "the 60-second stall time-out must not be waited out";
   // The I/O thread counts the transfer out just after it posted the completion.
   Poll([&] { return transport_->in_flight() == 0; }, 2.0);
-  EXPECT_TRUE(raw.WaitForClosedConnections(1, 5.0)) << "the connection must leave the wire";
+  EXPECT_TRUE(raw->WaitForClosedConnections(1, 5.0)) << "the connection must leave the wire";
   NetworkRequest::ReleaseRef(request);
 }
 
@@ -140,10 +138,8 @@ TEST_F(CurlCancelTest, CancellingInTheMiddleOfTheBodyDropsWhatArrived) {
   std::string part(300 * 1024, '\0');
   FillPattern(&part[0], 0, part.size());
   reply += part;
-  RawServer raw(server_certificate().certificate_file, server_certificate().key_file,
-                {{reply, Reply::kDrain}});
-  ASSERT_TRUE(raw.ok());
-  MapDocsTo(raw.port());
+  const auto raw = ServeDocsFrom({{reply, Reply::kDrain}});
+  ASSERT_NE(raw, nullptr);
   ConnectionManager manager(4, 2, true, 60.0, 60);
   ProgressRecorder recorder;
   recorder.manager = &manager;
@@ -159,16 +155,14 @@ TEST_F(CurlCancelTest, CancellingInTheMiddleOfTheBodyDropsWhatArrived) {
   EXPECT_GT(recorder.reports[0].bytes_received, 0);
   EXPECT_EQ(recorder.reports[0].bytes_to_receive, 1048576);
   EXPECT_LT(recorder.completed_at - recorder.cancelled_at, std::chrono::seconds(2));
-  EXPECT_TRUE(raw.WaitForClosedConnections(1, 5.0));
+  EXPECT_TRUE(raw->WaitForClosedConnections(1, 5.0));
   NetworkRequest::ReleaseRef(request);
 }
 
 TEST_F(CurlCancelTest, CancellingAnUploadInTheMiddleOfItsBody) {
   // The server reads the request head and nothing more: the body fills the socket buffers.
-  RawServer raw(server_certificate().certificate_file, server_certificate().key_file,
-                {{"", Reply::kDrain}});
-  ASSERT_TRUE(raw.ok());
-  MapDocsTo(raw.port());
+  const auto raw = ServeDocsFrom({{"", Reply::kDrain}});
+  ASSERT_NE(raw, nullptr);
   ConnectionManager manager(4, 2, true, 60.0, 60);
   ProgressRecorder recorder;
   recorder.manager = &manager;
@@ -185,7 +179,7 @@ TEST_F(CurlCancelTest, CancellingAnUploadInTheMiddleOfItsBody) {
   EXPECT_GT(recorder.reports[0].bytes_sent, 0);
   EXPECT_LT(recorder.reports[0].bytes_sent, body.size());
   EXPECT_EQ(recorder.reports[0].bytes_to_send, body.size());
-  EXPECT_TRUE(raw.WaitForClosedConnections(1, 5.0));
+  EXPECT_TRUE(raw->WaitForClosedConnections(1, 5.0));
   NetworkRequest::ReleaseRef(request);
 }
 
@@ -230,10 +224,8 @@ TEST_F(CurlCancelTest, ProgressOfAnUploadAndADownloadMovesForwardWithoutFlooding
 }
 
 TEST_F(CurlCancelTest, ConnectionAbortStopsARequestAndTellsTheCode) {
-  RawServer raw(server_certificate().certificate_file, server_certificate().key_file,
-                {{"", Reply::kDrain}});
-  ASSERT_TRUE(raw.ok());
-  MapDocsTo(raw.port());
+  const auto raw = ServeDocsFrom({{"", Reply::kDrain}});
+  ASSERT_NE(raw, nullptr);
   auto connection = MakeConnection();
   kestrel::quire::ConnectionParams params{
       kestrel::quire::kMethodGet, DocsUrl(QStringLiteral("/hang")), nullptr, nullptr, true, 0};
@@ -251,7 +243,7 @@ TEST_F(CurlCancelTest, ConnectionAbortStopsARequestAndTellsTheCode) {
         EXPECT_TRUE(body.isEmpty());
       },
       kestrel::quire::ProgressCallback());
-  Poll([&] { return raw.requests().size() == 1; });
+  Poll([&] { return raw->requests().size() == 1; });
   connection->Abort(id + 1);  // another id: nothing happens
   connection->Cancel(id);     // Cancel stays a no-op
   kestrel::MainLoop::Default()->RunUntil([] { return false; }, 0.2);

@@ -37,11 +37,7 @@ TEST_F(CurlConnectionTest, WithoutKeepAliveEveryRequestHasItsConnection) {
   for (int i = 0; i < 3; ++i) {
     RecordingCallback recorder;
     const QString url = DocsUrl(QStringLiteral("/status/200"));
-    NetworkRequest::Info info(HttpRequest::kGet, QByteArray(), url, {}, true, &recorder, nullptr,
-                              NetworkRequest::Info::kStandard);
-    ServerInfo server(url);
-    manager.StartRequest(server, info);
-    RunUntil([&] { return recorder.calls > 0; });
+    ManagerGet(&manager, url, &recorder);
     EXPECT_EQ(recorder.code, kestrel::net::status::FromHttp(200));
   }
   EXPECT_EQ(server_->client_ports().size(), 3u);
@@ -55,10 +51,9 @@ TEST_F(CurlConnectionTest, IdleConnectionClosedByTheServerDoesNotFailTheNextRequ
   // The server answers on a keep-alive connection and then drops it while it is idle, as servers
   // do after a few idle seconds.
   const std::string ok = "HTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\nok";
-  RawServer raw(server_certificate().certificate_file, server_certificate().key_file,
-                {{ok, Reply::kClose}, {ok, Reply::kClose}, {ok, Reply::kKeepOpen}});
-  ASSERT_TRUE(raw.ok());
-  MapDocsTo(raw.port());
+  const auto raw =
+      ServeDocsFrom({{ok, Reply::kClose}, {ok, Reply::kClose}, {ok, Reply::kKeepOpen}});
+  ASSERT_NE(raw, nullptr);
 
   auto connection = MakeConnection();
   for (int i = 0; i < 3; ++i) {
@@ -69,11 +64,11 @@ TEST_F(CurlConnectionTest, IdleConnectionClosedByTheServerDoesNotFailTheNextRequ
     EXPECT_EQ(outcome.status, 0);
     EXPECT_EQ(outcome.body, QByteArray("ok"));
     if (i < 2) {
-      ASSERT_TRUE(raw.WaitForClosedConnections(i + 1, 5.0));
+      ASSERT_TRUE(raw->WaitForClosedConnections(i + 1, 5.0));
     }
   }
-  EXPECT_EQ(raw.connections(), 3);
-  EXPECT_EQ(raw.requests().size(), 3u);
+  EXPECT_EQ(raw->connections(), 3);
+  EXPECT_EQ(raw->requests().size(), 3u);
 }
 
 TEST_F(CurlConnectionTest, ThousandSequentialRequestsCompleteOnceEach) {

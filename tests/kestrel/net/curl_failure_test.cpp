@@ -96,12 +96,7 @@ class CurlFailureTest : public CurlTest {
   RecordingCallback ManagerFetch(const QString& url, double stall_seconds = 1.0) {
     ConnectionManager manager(4, 2, true, stall_seconds, 60);
     RecordingCallback recorder;
-    NetworkRequest::Info info(HttpRequest::kGet, QByteArray(), url, {}, true, &recorder, nullptr,
-                              NetworkRequest::Info::kStandard);
-    ServerInfo server(url);
-    manager.StartRequest(server, info);
-    EXPECT_EQ(recorder.calls, 0);
-    RunUntil([&] { return recorder.calls > 0; });
+    ManagerGet(&manager, url, &recorder);
     kestrel::MainLoop::Default()->RunUntilIdle();
     EXPECT_EQ(recorder.calls, 1);
     return recorder;
@@ -158,17 +153,15 @@ TEST_F(CurlFailureTest, ABrokenHandshakeIsATlsFailureNotARefusedCertificate) {
 }
 
 TEST_F(CurlFailureTest, NoAnswerTimesOut) {
-  RawServer raw(server_certificate().certificate_file, server_certificate().key_file,
-                {{"", Reply::kHang}});
-  ASSERT_TRUE(raw.ok());
-  MapDocsTo(raw.port());
+  const auto raw = ServeDocsFrom({{"", Reply::kHang}});
+  ASSERT_NE(raw, nullptr);
   const auto started = std::chrono::steady_clock::now();
   const RecordingCallback recorder = ManagerFetch(DocsUrl(QStringLiteral("/slow")), 1.0);
   const double seconds =
       std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
   EXPECT_EQ(recorder.code, status::kErrorTimedOut);
   EXPECT_GE(seconds, 0.9);
-  EXPECT_EQ(raw.requests().size(), 1u);
+  EXPECT_EQ(raw->requests().size(), 1u);
 }
 
 TEST_F(CurlFailureTest, ConnectingTimesOut) {
@@ -192,11 +185,10 @@ TEST_F(CurlFailureTest, ServerClosingMidBody) {
 }
 
 TEST_F(CurlFailureTest, RawServerClosingMidBodyKeepsHeadersAndBytes) {
-  RawServer raw(server_certificate().certificate_file, server_certificate().key_file,
-                {{"HTTP/1.1 200 OK\r\nX-Part: 1\r\nContent-Length: 100000\r\n\r\nfirst bytes",
-                  Reply::kClose}});
-  ASSERT_TRUE(raw.ok());
-  MapDocsTo(raw.port());
+  const auto raw =
+      ServeDocsFrom({{"HTTP/1.1 200 OK\r\nX-Part: 1\r\nContent-Length: 100000\r\n\r\nfirst bytes",
+                      Reply::kClose}});
+  ASSERT_NE(raw, nullptr);
   const Outcome outcome = Fetch(kestrel::quire::kMethodGet, DocsUrl(QStringLiteral("/x")));
   EXPECT_EQ(outcome.status, 2);
   EXPECT_EQ(outcome.body, QByteArray("first bytes"));
@@ -230,10 +222,8 @@ TEST_F(CurlFailureTest, UrlsThatDoNotParseOrUseOtherSchemesAreNotSent) {
 }
 
 TEST_F(CurlFailureTest, DestroyingTheTransportFailsEveryRequestInFlightOnce) {
-  RawServer raw(server_certificate().certificate_file, server_certificate().key_file,
-                {{"", Reply::kHang}});
-  ASSERT_TRUE(raw.ok());
-  MapDocsTo(raw.port());
+  const auto raw = ServeDocsFrom({{"", Reply::kHang}});
+  ASSERT_NE(raw, nullptr);
   auto connection = MakeConnection();
   std::vector<Outcome> outcomes(64);
   for (Outcome& outcome : outcomes) {

@@ -40,11 +40,7 @@ class CurlProxyTest : public CurlTest {
   std::uint32_t CodeOf(const QString& url) {
     ConnectionManager manager(4, 2, true, 10, 60);
     RecordingCallback recorder;
-    NetworkRequest::Info info(HttpRequest::kGet, QByteArray(), url, {}, true, &recorder, nullptr,
-                              NetworkRequest::Info::kStandard);
-    ServerInfo server(url);
-    manager.StartRequest(server, info);
-    RunUntil([&] { return recorder.calls > 0; });
+    ManagerGet(&manager, url, &recorder);
     kestrel::MainLoop::Default()->RunUntilIdle();
     return recorder.code;
   }

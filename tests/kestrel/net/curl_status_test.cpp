@@ -57,12 +57,7 @@ TEST_F(CurlStatusTest, NetworkCodesAreTheHttpNumbersInTheirRanges) {
     SCOPED_TRACE(c.http);
     RecordingCallback recorder;
     const QString url = DocsUrl(QStringLiteral("/status/%1").arg(c.http));
-    NetworkRequest::Info info(HttpRequest::kGet, QByteArray(), url, {}, true, &recorder, nullptr,
-                              NetworkRequest::Info::kStandard);
-    ServerInfo server(url);
-    manager.StartRequest(server, info);
-    EXPECT_EQ(recorder.calls, 0);
-    RunUntil([&] { return recorder.calls > 0; });
+    ManagerGet(&manager, url, &recorder);
     const std::uint32_t expected = c.http < 400 ? 0x000A0000u + static_cast<std::uint32_t>(c.http)
                                                 : 0xC00A0000u + static_cast<std::uint32_t>(c.http);
     EXPECT_EQ(recorder.code, expected);

@@ -12,6 +12,15 @@ namespace quire_test::curl {
 TestCertificates* CurlTest::certificates_ = nullptr;
 TestCertificates::Server CurlTest::server_certificate_;
 
+void Outcome::Record(const kestrel::quire::NetworkResponseInfo& info, const QByteArray& bytes) {
+  ++calls;
+  request_id = info.request_id;
+  status = info.status;
+  body = QByteArray(bytes.constData(), bytes.size());
+  had_headers = info.headers != nullptr;
+  headers = info.headers != nullptr ? *info.headers : std::vector<QString>();
+}
+
 void RecordingCallback::OnRequestComplete(kestrel::net::NetworkRequest* request) {
   ++calls;
   const kestrel::net::HttpRequest* http = request->GetHttpRequest();
@@ -93,17 +102,21 @@ unsigned int CurlTest::Issue(kestrel::quire::Connection* connection, std::uint32
                              const std::vector<QString>* headers, bool collect_headers) {
   kestrel::quire::ConnectionParams params{method, url, body, headers, collect_headers, 0};
   const int calls_before = outcome->calls;
-  const unsigned int id = connection->Request(
-      params, [outcome](kestrel::quire::NetworkResponseInfo info, QByteArray bytes) {
-        ++outcome->calls;
-        outcome->request_id = info.request_id;
-        outcome->status = info.status;
-        outcome->body = QByteArray(bytes.constData(), bytes.size());
-        outcome->had_headers = info.headers != nullptr;
-        outcome->headers = info.headers != nullptr ? *info.headers : std::vector<QString>();
-      });
+  const unsigned int id =
+      connection->Request(params, [outcome](kestrel::quire::NetworkResponseInfo info,
+                                            QByteArray bytes) { outcome->Record(info, bytes); });
   EXPECT_EQ(outcome->calls, calls_before) << "completed inside Request";
   return id;
+}
+
+void CurlTest::ManagerGet(ConnectionManager* manager, const QString& url,
+                          RecordingCallback* recorder) {
+  NetworkRequest::Info info(HttpRequest::kGet, QByteArray(), url, {}, true, recorder, nullptr,
+                            NetworkRequest::Info::kStandard);
+  ServerInfo server(url);
+  manager->StartRequest(server, info);
+  EXPECT_EQ(recorder->calls, 0) << "completed inside StartRequest";
+  RunUntil([&] { return recorder->calls > 0; });
 }
 
 Outcome CurlTest::Fetch(std::uint32_t method, const QString& url, const QByteArray* body,
@@ -112,15 +125,9 @@ Outcome CurlTest::Fetch(std::uint32_t method, const QString& url, const QByteArr
   // Shared with the callback, so that an answer arriving after a failed wait has somewhere to go.
   auto outcome = std::make_shared<Outcome>();
   kestrel::quire::ConnectionParams params{method, url, body, headers, true, 0};
-  const unsigned int id = connection->Request(
-      params, [outcome](kestrel::quire::NetworkResponseInfo info, QByteArray bytes) {
-        ++outcome->calls;
-        outcome->request_id = info.request_id;
-        outcome->status = info.status;
-        outcome->body = QByteArray(bytes.constData(), bytes.size());
-        outcome->had_headers = info.headers != nullptr;
-        outcome->headers = info.headers != nullptr ? *info.headers : std::vector<QString>();
-      });
+  const unsigned int id =
+      connection->Request(params, [outcome](kestrel::quire::NetworkResponseInfo info,
+                                            QByteArray bytes) { outcome->Record(info, bytes); });
   EXPECT_EQ(outcome->calls, 0) << "completed inside Request";
   RunUntil([&] { return outcome->calls > 0; }, timeout_seconds);
   kestrel::MainLoop::Default()->RunUntilIdle();
@@ -138,6 +145,15 @@ void CurlTest::MapDocsTo(int port) {
   kestrel::net::CurlTransportConfig config = TestConfig();
   for (auto& mapping : config.host_mappings) mapping.port = port;
   ASSERT_TRUE(transport_->Configure(config));
+}
+
+std::unique_ptr<RawServer> CurlTest::ServeDocsFrom(std::vector<Reply> replies) {
+  auto raw = std::make_unique<RawServer>(server_certificate_.certificate_file,
+                                         server_certificate_.key_file, std::move(replies));
+  EXPECT_TRUE(raw->ok()) << "the raw server did not start";
+  if (!raw->ok()) return nullptr;
+  MapDocsTo(raw->port());
+  return raw;
 }
 
 QString CurlTest::DocsUrl(const QString& path) const {

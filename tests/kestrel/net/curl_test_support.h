@@ -42,6 +42,9 @@ struct Outcome {
   QByteArray body;  // a deep copy
   std::vector<QString> headers;
   bool had_headers = false;
+
+  // Counts one call and keeps what it received.
+  void Record(const kestrel::quire::NetworkResponseInfo& info, const QByteArray& bytes);
 };
 
 // Records the completion of a request issued straight through a ConnectionManager.
@@ -73,6 +76,9 @@ class CurlTest : public ::testing::Test {
   // Points the fixture's host mappings at a server of the test's own on 127.0.0.1:`port` (and
   // fails the test when the transport refuses the configuration).
   void MapDocsTo(int port);
+  // A RawServer with the fixture server's certificate that answers with `replies`, with the host
+  // mappings pointed at it; null (and the test failed) when it did not start.
+  std::unique_ptr<RawServer> ServeDocsFrom(std::vector<Reply> replies);
 
   // A Connection made as the services make theirs (Init with the version line), over the
   // fixture's transport.
@@ -86,6 +92,11 @@ class CurlTest : public ::testing::Test {
   // Issues one request and runs the main loop until it completed.
   Outcome Fetch(std::uint32_t method, const QString& url, const QByteArray* body = nullptr,
                 const std::vector<QString>* headers = nullptr, double timeout_seconds = 20.0);
+
+  // Issues a GET of `url` straight through `manager` (the standard header lines, response headers
+  // kept) with `recorder` as its callback; checks that it did not complete inside StartRequest and
+  // runs the main loop until it completed.
+  void ManagerGet(ConnectionManager* manager, const QString& url, RecordingCallback* recorder);
 
   // Runs the main loop until `done` holds; fails the test on time-out.
   void RunUntil(const std::function<bool()>& done, double timeout_seconds = 20.0);

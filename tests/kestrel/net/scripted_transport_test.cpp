@@ -95,11 +95,7 @@ TEST_F(ScriptedTransportTest, CompletesLaterWithTheScriptedAnswer) {
   EXPECT_EQ(seen.body_size, 7u);
   ASSERT_EQ(seen.headers.size(), 1u);
   EXPECT_EQ(seen.headers[0].name, QStringLiteral("X-One: 1"));
-  EXPECT_EQ(seen.options.max_connections_per_host, 4);
-  EXPECT_EQ(seen.options.max_idle_connections_per_host, 2);
-  EXPECT_TRUE(seen.options.keep_alive);
-  EXPECT_DOUBLE_EQ(seen.options.stall_timeout_seconds, 60.0);
-  EXPECT_EQ(seen.options.idle_connection_seconds, 60);
+  quire_test::ExpectConnectionDefaults(seen.options);
 }
 
 TEST_F(ScriptedTransportTest, AnswersWithoutBufferAndUnscriptedRequestsFail) {

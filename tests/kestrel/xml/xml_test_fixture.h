@@ -8,6 +8,7 @@
 #include <QString>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "kestrel/base/memory_manager.h"
 #include "kestrel/xml/xml_node.h"
@@ -48,6 +49,30 @@ inline std::string Shown(const std::string& document) {
     }
   }
   return shown;
+}
+
+// Checks that each of `documents` is refused with a message and an offset inside it, and gives no
+// tree.
+inline void ExpectRefused(const std::vector<std::string>& documents) {
+  for (const std::string& document : documents) {
+    auto reader = Read(document);
+    EXPECT_TRUE(reader->GetErrorsOccurred()) << "accepted: " << Shown(document);
+    EXPECT_EQ(reader->GetRootNode(), nullptr) << Shown(document);
+    if (reader->GetErrorsOccurred()) {
+      EXPECT_FALSE(reader->error_message().isEmpty()) << Shown(document);
+      EXPECT_LE(reader->error_offset(), static_cast<long long>(document.size()));
+    }
+  }
+}
+
+// Checks that each of `documents` is read without an error into a tree.
+inline void ExpectAccepted(const std::vector<std::string>& documents) {
+  for (const std::string& document : documents) {
+    auto reader = Read(document);
+    EXPECT_FALSE(reader->GetErrorsOccurred())
+        << "refused: " << Shown(document) << ": " << U8(reader->error_message());
+    EXPECT_NE(reader->GetRootNode(), nullptr) << Shown(document);
+  }
 }
 
 inline int ChildCount(const kestrel::XmlNode* node) {

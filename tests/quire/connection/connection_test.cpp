@@ -193,11 +193,7 @@ TEST_F(ConnectionTest, RequestDescriptionConstants) {
   EXPECT_EQ(seen.user_data, nullptr);
   EXPECT_EQ(seen.default_headers, NetworkRequest::Info::kStandard);
   EXPECT_EQ(static_cast<int>(seen.default_headers), 2);
-  EXPECT_EQ(seen.options.max_connections_per_host, 4);
-  EXPECT_EQ(seen.options.max_idle_connections_per_host, 2);
-  EXPECT_TRUE(seen.options.keep_alive);
-  EXPECT_DOUBLE_EQ(seen.options.stall_timeout_seconds, 60.0);
-  EXPECT_EQ(seen.options.idle_connection_seconds, 60);
+  ExpectConnectionDefaults(seen.options);
 }
 
 TEST_F(ConnectionTest, CompletionNeverInsideRequestAndExactlyOnce) {

@@ -71,6 +71,15 @@ class ContentDownloadTest : public quire_test::ScriptedTest {
     ScriptedTest::TearDown();
   }
 
+  // Runs a download into an empty memory target and checks that it ends as a protocol error
+  // without writing anything.
+  void ExpectProtocolErrorWithoutWrites(const DownloadOptions& options = {}) {
+    MemoryTarget memory;
+    const DownloadResult result = Run(memory.Target(), options);
+    EXPECT_EQ(result.outcome, DownloadOutcome::kProtocolError);
+    EXPECT_EQ(memory.writes, 0);
+  }
+
   DownloadResult Run(DownloadTarget target, DownloadOptions options = {}) {
     options.retry_policy.set_base_backoff_seconds(0.001);
     options.retry_policy.set_max_backoff_seconds(0.01);
@@ -358,39 +367,25 @@ TEST_F(ContentDownloadTest, NegativeOrOverflowingLengthsFail) {
     ScriptedTransport::Answer answer = Whole(PatternBytes(100), QStringLiteral("\"v1\""));
     answer.headers[0] = line;
     transport_.Enqueue(answer);
-    MemoryTarget memory;
-    DownloadResult result = Run(memory.Target());
-    EXPECT_EQ(result.outcome, DownloadOutcome::kProtocolError);
-    EXPECT_EQ(memory.writes, 0);
+    ExpectProtocolErrorWithoutWrites();
   }
   ScriptedTransport::Answer huge = Part(PatternBytes(100), 50, QStringLiteral("\"v1\""));
   huge.headers[0] = QStringLiteral("Content-Length: 50");
   huge.headers[1] =
       QStringLiteral("Content-Range: bytes 50-18446744073709551615/18446744073709551616");
   transport_.Enqueue(huge);
-  MemoryTarget memory;
-  DownloadOptions options = ResumeV1(/*have=*/50);
-  DownloadResult result = Run(memory.Target(), options);
-  EXPECT_EQ(result.outcome, DownloadOutcome::kProtocolError);
-  EXPECT_EQ(memory.writes, 0);
+  ExpectProtocolErrorWithoutWrites(ResumeV1(/*have=*/50));
 }
 
 TEST_F(ContentDownloadTest, PartialAnswerOfAnotherVersionFails) {
   const QByteArray content = PatternBytes(10000);
   transport_.Enqueue(Part(content, 5000, QStringLiteral("\"v9\"")));
-  MemoryTarget memory;
-  DownloadOptions options = ResumeV1(/*have=*/5000);
-  DownloadResult result = Run(memory.Target(), options);
-  EXPECT_EQ(result.outcome, DownloadOutcome::kProtocolError);
-  EXPECT_EQ(memory.writes, 0);
+  ExpectProtocolErrorWithoutWrites(ResumeV1(/*have=*/5000));
 }
 
 TEST_F(ContentDownloadTest, PartialAnswerToAWholeRequestFails) {
   transport_.Enqueue(Part(PatternBytes(1000), 0, QStringLiteral("\"v1\"")));
-  MemoryTarget memory;
-  DownloadResult result = Run(memory.Target());
-  EXPECT_EQ(result.outcome, DownloadOutcome::kProtocolError);
-  EXPECT_EQ(memory.writes, 0);
+  ExpectProtocolErrorWithoutWrites();
 }
 
 TEST_F(ContentDownloadTest, FailingDestinationStopsTheTransfer) {

@@ -111,6 +111,14 @@ class DocsServiceTest : public quire_test::ScriptedTest {
     ScriptedTest::TearDown();
   }
 
+  // Checks how a request of the service signed in with "tok" carries its lines: the service's own
+  // list with the one Authorization line, and no response headers asked for.
+  void ExpectSignedRequest(const RecordedRequest& seen) {
+    EXPECT_EQ(seen.headers_pointer, service_.authorization_headers());
+    EXPECT_EQ(seen.headers, std::vector<QString>{QStringLiteral("Authorization: Bearer tok")});
+    EXPECT_FALSE(seen.collect_response_headers);
+  }
+
   // A callback for deletions that counts its calls in delete_calls_.
   DeleteCallback CountDelete() {
     return [this](NetworkResponseInfo) { ++delete_calls_; };
@@ -134,9 +142,7 @@ TEST_F(DocsServiceTest, GetFeedRequest) {
   EXPECT_EQ(seen.method, 0u);
   EXPECT_EQ(seen.url, QString::fromLatin1(kestrel::quire::DocsFeedUrl)) << "exactly, no query";
   EXPECT_EQ(seen.body_pointer, nullptr);
-  EXPECT_EQ(seen.headers_pointer, service_.authorization_headers());
-  EXPECT_EQ(seen.headers, std::vector<QString>{QStringLiteral("Authorization: Bearer tok")});
-  EXPECT_FALSE(seen.collect_response_headers);
+  ExpectSignedRequest(seen);
   EXPECT_EQ(seen.requested_id, 0u);
   Answer(&log_, 0, 500);
   EXPECT_EQ(feed_calls_.size(), 1u);
@@ -264,8 +270,7 @@ TEST_F(DocsServiceTest, GetEntryContentRequest) {
   EXPECT_EQ(seen.url, QStringLiteral("https://docs.quire.example/content/a%20b?x=%C3%A9&y=%2F"));
   EXPECT_EQ(seen.url, QString::fromLatin1(url.toEncoded()));
   EXPECT_EQ(seen.body_pointer, nullptr);
-  EXPECT_EQ(seen.headers_pointer, service_.authorization_headers());
-  EXPECT_FALSE(seen.collect_response_headers);
+  ExpectSignedRequest(seen);
   EXPECT_EQ(seen.requested_id, 0u);
   Answer(&log_, 0, 0);
   EXPECT_EQ(calls, 1);
@@ -310,9 +315,7 @@ TEST_F(DocsServiceTest, CreateRequestIsAPostOfTheContent) {
   EXPECT_EQ(seen.url, QStringLiteral("https://h/feeds/post"));
   EXPECT_EQ(seen.body_pointer, &content) << "the caller's content is borrowed";
   EXPECT_EQ(seen.body, content);
-  EXPECT_EQ(seen.headers_pointer, service_.authorization_headers());
-  EXPECT_EQ(seen.headers, std::vector<QString>{QStringLiteral("Authorization: Bearer tok")});
-  EXPECT_FALSE(seen.collect_response_headers);
+  ExpectSignedRequest(seen);
   EXPECT_EQ(seen.requested_id, 0u);
   Answer(&log_, 0, 2);
   EXPECT_EQ(entry_calls_.size(), 1u);
@@ -345,9 +348,7 @@ TEST_F(DocsServiceTest, ModifyRequestIsAPutWithoutIfMatch) {
   EXPECT_EQ(seen.url, QStringLiteral("https://h/edit/doc1"));
   EXPECT_EQ(seen.body_pointer, &content);
   EXPECT_EQ(seen.body, content);
-  EXPECT_EQ(seen.headers_pointer, service_.authorization_headers());
-  EXPECT_EQ(seen.headers, std::vector<QString>{QStringLiteral("Authorization: Bearer tok")});
-  EXPECT_FALSE(seen.collect_response_headers);
+  ExpectSignedRequest(seen);
   EXPECT_TRUE(quire_test::SameRequest(log_.requests[0], log_.requests[1])) << "the text is ignored";
   Answer(&log_, 0, 2);
   Answer(&log_, 1, 2);

@@ -39,6 +39,25 @@ class DocsServiceWireTest : public quire_test::ScriptedTest {
     EXPECT_EQ(calls, count) << "exactly-once callbacks";
   }
 
+  // What one feed answer brought: its status and the number of entries parsed from it.
+  struct FeedAnswer {
+    std::int32_t status = -1;
+    std::size_t entries = 99;
+  };
+
+  // Asks for the feed and waits for its one answer.
+  FeedAnswer GetFeedAnswer() {
+    int calls = 0;
+    FeedAnswer answer;
+    service_->GetFeed([&](NetworkResponseInfo info, const DocsFeed& feed) {
+      ++calls;
+      answer.status = info.status;
+      answer.entries = feed.entries.size();
+    });
+    Wait(calls, 1);
+    return answer;
+  }
+
   std::unique_ptr<DocsService> service_;
 };
 
@@ -106,34 +125,18 @@ TEST_F(DocsServiceWireTest, TokenChangesApplyToLaterRequestsOnly) {
 
 TEST_F(DocsServiceWireTest, FeedAnswerWithEmptyBodyIsAParseFailure) {
   transport_.Enqueue(Http(200), QByteArray());
-  int calls = 0;
-  std::int32_t status = -1;
-  std::size_t entries = 99;
-  service_->GetFeed([&](NetworkResponseInfo info, const DocsFeed& feed) {
-    ++calls;
-    status = info.status;
-    entries = feed.entries.size();
-  });
-  Wait(calls, 1);
-  EXPECT_EQ(status, 1);
-  EXPECT_EQ(entries, 0u);
+  const FeedAnswer answer = GetFeedAnswer();
+  EXPECT_EQ(answer.status, 1);
+  EXPECT_EQ(answer.entries, 0u);
 }
 
 TEST_F(DocsServiceWireTest, FeedAnswer401IsPassedOnWithAnEmptyFeed) {
   SignIn();
   transport_.Enqueue(Http(401), quire_test::FeedDocument(2),
                      {QStringLiteral("WWW-Authenticate: Bearer")});
-  int calls = 0;
-  std::int32_t status = -1;
-  std::size_t entries = 99;
-  service_->GetFeed([&](NetworkResponseInfo info, const DocsFeed& feed) {
-    ++calls;
-    status = info.status;
-    entries = feed.entries.size();
-  });
-  Wait(calls, 1);
-  EXPECT_EQ(status, 401);
-  EXPECT_EQ(entries, 0u) << "the body is not parsed";
+  const FeedAnswer answer = GetFeedAnswer();
+  EXPECT_EQ(answer.status, 401);
+  EXPECT_EQ(answer.entries, 0u) << "the body is not parsed";
 }
 
 TEST_F(DocsServiceWireTest, NetworkFailureAndUnlistedStatusBothArriveAsTwo) {

@@ -43,7 +43,20 @@ static_assert(!std::is_copy_constructible<Service>::value, "a service owns its c
 static_assert(std::is_base_of<Service, DocsService>::value, "");
 static_assert(std::is_base_of<Service, UserInfoService>::value, "");
 
-class ServiceTest : public quire_test::ScriptedTest {};
+class ServiceTest : public quire_test::ScriptedTest {
+ protected:
+  // Sends a GET through `service`'s connection, with a 200 answer scripted for it, and runs the
+  // loop until its callback ran; returns how often the callback ran.
+  int SendProbe(const ProbeService& service) {
+    transport_.Enqueue(Http(200));
+    ConnectionParams params{
+        0, QStringLiteral("https://docs.quire.example/x"), nullptr, nullptr, false, 0};
+    int calls = 0;
+    service.probe_connection()->Request(params, [&](NetworkResponseInfo, QByteArray) { ++calls; });
+    RunUntil([&] { return calls > 0; });
+    return calls;
+  }
+};
 
 TEST_F(ServiceTest, VirtualOperationsInSlotOrder) {
   // The destructor takes slots 0 and 1 (complete and deleting).
@@ -79,13 +92,7 @@ TEST_F(ServiceTest, NullConnectionMakesItsOwnConnectionThatSendsTheVersionLineOn
     EXPECT_NE(dynamic_cast<kestrel::quire::Connection*>(service.probe_connection()), nullptr);
     EXPECT_GT(mm->live_allocations(), before) << "the connection comes from the memory manager";
 
-    transport_.Enqueue(Http(200));
-    ConnectionParams params{
-        0, QStringLiteral("https://docs.quire.example/x"), nullptr, nullptr, false, 0};
-    int calls = 0;
-    service.probe_connection()->Request(params, [&](NetworkResponseInfo, QByteArray) { ++calls; });
-    RunUntil([&] { return calls > 0; });
-    EXPECT_EQ(calls, 1);
+    EXPECT_EQ(SendProbe(service), 1);
     ASSERT_EQ(transport_.requests().size(), 1u);
     EXPECT_EQ(Lines(transport_.requests()[0]), kVersionLine)
         << "Init received exactly one line, once";
@@ -95,12 +102,7 @@ TEST_F(ServiceTest, NullConnectionMakesItsOwnConnectionThatSendsTheVersionLineOn
 
 TEST_F(ServiceTest, VersionTextIsSubstitutedAsGiven) {
   ProbeService service(QStringLiteral("7.5 beta"), nullptr);
-  transport_.Enqueue(Http(200));
-  ConnectionParams params{
-      0, QStringLiteral("https://docs.quire.example/x"), nullptr, nullptr, false, 0};
-  int calls = 0;
-  service.probe_connection()->Request(params, [&](NetworkResponseInfo, QByteArray) { ++calls; });
-  RunUntil([&] { return calls > 0; });
+  EXPECT_EQ(SendProbe(service), 1);
   ASSERT_EQ(transport_.requests().size(), 1u);
   EXPECT_EQ(Lines(transport_.requests()[0]),
             std::vector<QString>{QStringLiteral("Quire-Version: 7.5 beta")});

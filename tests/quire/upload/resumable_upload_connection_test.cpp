@@ -24,9 +24,9 @@ using kestrel::net::HttpRequest;
 using kestrel::net::ScriptedTransport;
 using kestrel::quire::Connection;
 using kestrel::quire::ConnectionUtils;
+using namespace quire_test::upload;  // NOLINT(build/namespaces): the upload's test doubles
+// The upload's list of lines, not the test support's Lines() of a recorded request.
 using quire_test::upload::Lines;
-using quire_test::upload::OutcomeRecorder;
-using quire_test::upload::S;
 
 const char kPostUrl[] = "https://docs.quire.example/upload/create-session/default/private/full";
 const char kUploadUrl[] = "https://docs.quire.example/upload/session/s-1";

@@ -23,12 +23,8 @@ namespace {
 
 using quire_test::PatternBytes;
 
-using namespace kestrel::quire;  // NOLINT(build/namespaces): the library's classes and statuses
-using quire_test::upload::FakeConnection;
-using quire_test::upload::Lines;
-using quire_test::upload::OutcomeRecorder;
-using quire_test::upload::S;
-using quire_test::upload::SentRequest;
+using namespace kestrel::quire;      // NOLINT(build/namespaces): the library's classes and statuses
+using namespace quire_test::upload;  // NOLINT(build/namespaces): the upload's test doubles
 
 const char kPostUrl[] = "https://docs.quire.example/upload/create-session/default/private/full";
 const char kUploadUrl[] = "https://docs.quire.example:8443/upload/session?upload_id=a1: b2";
@@ -69,13 +65,21 @@ void ExpectPut(const SentRequest& put, const QByteArray& data, std::uint32_t fir
   }
 }
 
+// Starts the upload of `data` as `type` through `utils`, reporting to `recorder`.
+unsigned int Start(ConnectionUtils& utils, const QByteArray& data, OutcomeRecorder& recorder,
+                   const char* type = "application/pdf") {
+  return utils.ResumableUpload(S(kPostUrl), S(kMetadata), S(type), data, recorder.Callback());
+}
+
+// An answer's header lines, and whether the answer has no list at all.
+struct HeaderCase {
+  const char* name;
+  Lines lines;
+  bool null_headers;
+};
+
 class ResumableUploadTest : public quire_test::ScriptedTest {
  protected:
-  unsigned int Start(ConnectionUtils& utils, const QByteArray& data, OutcomeRecorder& recorder,
-                     const char* type = "application/pdf") {
-    return utils.ResumableUpload(S(kPostUrl), S(kMetadata), S(type), data, recorder.Callback());
-  }
-
   FakeConnection connection_;
 };
 
@@ -137,8 +141,7 @@ TEST_F(ResumableUploadTest, PostFailureIsPassedOnWithoutTheServersBody) {
     ConnectionUtils utils(1024, &connection);
     OutcomeRecorder recorder;
     const QByteArray data = PatternBytes(5000);
-    const unsigned int post_id = utils.ResumableUpload(S(kPostUrl), S(kMetadata), S("text/plain"),
-                                                       data, recorder.Callback());
+    const unsigned int post_id = Start(utils, data, recorder, "text/plain");
     const Lines lines = {S("Content-Type: text/html"), S("Location: https://elsewhere.example/"),
                          S("Range: bytes=0-10")};
     connection.AnswerLast(status, lines, "<html>error page</html>");
@@ -153,12 +156,7 @@ TEST_F(ResumableUploadTest, PostFailureIsPassedOnWithoutTheServersBody) {
 }
 
 TEST_F(ResumableUploadTest, PostWithoutLocationEndsWithMadeUpFailure) {
-  struct Case {
-    const char* name;
-    Lines lines;
-    bool null_headers;
-  };
-  const std::vector<Case> cases = {
+  const std::vector<HeaderCase> cases = {
       {"no header list", {}, true},
       {"empty list", {}, false},
       {"other headers only", {S("Content-Type: application/atom+xml")}, false},
@@ -166,13 +164,12 @@ TEST_F(ResumableUploadTest, PostWithoutLocationEndsWithMadeUpFailure) {
       {"no blank after the colon", {S("Location:https://docs.quire.example/upload/s")}, false},
       {"empty value", {S("Location: "), S("Location: https://docs.quire.example/s")}, false},
   };
-  for (const Case& c : cases) {
+  for (const HeaderCase& c : cases) {
     SCOPED_TRACE(c.name);
     FakeConnection connection(7);
     ConnectionUtils utils(1024, &connection);
     OutcomeRecorder recorder;
-    const unsigned int post_id = utils.ResumableUpload(S(kPostUrl), S(kMetadata), S("text/plain"),
-                                                       PatternBytes(3000), recorder.Callback());
+    const unsigned int post_id = Start(utils, PatternBytes(3000), recorder, "text/plain");
     connection.AnswerLast(0, c.lines, "<entry/>", c.null_headers);
     EXPECT_EQ(connection.requests().size(), 1u) << "no PUT without an upload address";
     const auto& outcome = recorder.only();
@@ -213,8 +210,7 @@ TEST_F(ResumableUploadTest, DataNoLongerThanTheChunkGoesInOnePut) {
     ConnectionUtils utils(1000, &connection);
     const QByteArray data = PatternBytes(size);
     OutcomeRecorder recorder;
-    utils.ResumableUpload(S(kPostUrl), S(kMetadata), S("application/pdf"), data,
-                          recorder.Callback());
+    Start(utils, data, recorder);
     connection.AnswerLast(0, LocationLines());
     ASSERT_EQ(connection.requests().size(), 2u);
     ExpectPut(connection.requests()[1], data, 0, static_cast<std::uint32_t>(size));
@@ -286,8 +282,7 @@ TEST_F(ResumableUploadTest, RangeBeyondTheDataEndsWithMadeUpFailure) {
     ConnectionUtils utils(600, &connection);
     const QByteArray data = PatternBytes(1000);
     OutcomeRecorder recorder;
-    utils.ResumableUpload(S(kPostUrl), S(kMetadata), S("application/pdf"), data,
-                          recorder.Callback());
+    Start(utils, data, recorder);
     connection.AnswerLast(0, LocationLines());
     connection.AnswerLast(308, RangeLines(last));
     EXPECT_EQ(connection.requests().size(), 2u) << "no chunk may start outside the data";
@@ -297,12 +292,7 @@ TEST_F(ResumableUploadTest, RangeBeyondTheDataEndsWithMadeUpFailure) {
 }
 
 TEST_F(ResumableUploadTest, UnreadableRangeEndsWithMadeUpFailure) {
-  struct Case {
-    const char* name;
-    Lines lines;
-    bool null_headers;
-  };
-  const std::vector<Case> cases = {
+  const std::vector<HeaderCase> cases = {
       {"no header list", {}, true},
       {"no Range", {S("Content-Length: 0")}, false},
       {"lower-case name", {S("range: bytes=0-99")}, false},
@@ -312,13 +302,12 @@ TEST_F(ResumableUploadTest, UnreadableRangeEndsWithMadeUpFailure) {
       {"second dash", {S("Range: a-b-7")}, false},
       {"empty value", {S("Range: "), S("Range: bytes=0-9")}, false},
   };
-  for (const Case& c : cases) {
+  for (const HeaderCase& c : cases) {
     SCOPED_TRACE(c.name);
     FakeConnection connection;
     ConnectionUtils utils(600, &connection);
     OutcomeRecorder recorder;
-    utils.ResumableUpload(S(kPostUrl), S(kMetadata), S("application/pdf"), PatternBytes(1000),
-                          recorder.Callback());
+    Start(utils, PatternBytes(1000), recorder);
     connection.AnswerLast(0, LocationLines());
     connection.AnswerLast(308, c.lines, "incomplete", c.null_headers);
     EXPECT_EQ(connection.requests().size(), 2u);
@@ -348,8 +337,7 @@ TEST_F(ResumableUploadTest, PutFailureIsPassedOnWithoutTheServersBodyAndNotRetri
     FakeConnection connection;
     ConnectionUtils utils(600, &connection);
     OutcomeRecorder recorder;
-    utils.ResumableUpload(S(kPostUrl), S(kMetadata), S("application/pdf"), PatternBytes(1000),
-                          recorder.Callback());
+    Start(utils, PatternBytes(1000), recorder);
     connection.AnswerLast(0, LocationLines());
     connection.AnswerLast(308, RangeLines(599));
     const Lines lines = {S("Content-Type: text/html"), S("Range: bytes=0-700"),
@@ -517,8 +505,7 @@ TEST_F(ResumableUploadTest, DataOf4GiBOrMoreIsRefusedWithoutReadingIt) {
       FakeConnection connection;
       ConnectionUtils utils(1 << 20, &connection);
       OutcomeRecorder recorder;
-      const unsigned int post_id =
-          utils.ResumableUpload(S(kPostUrl), S(kMetadata), S("a/b"), data, recorder.Callback());
+      const unsigned int post_id = Start(utils, data, recorder, "a/b");
       EXPECT_EQ(connection.last().headers[2],
                 QStringLiteral("X-Upload-Content-Length: %1").arg(size));
       connection.AnswerLast(0, LocationLines());

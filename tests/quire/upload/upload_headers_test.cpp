@@ -4,6 +4,7 @@
 
 #include <QByteArray>
 #include <QString>
+#include <ostream>
 #include <type_traits>
 #include <vector>
 
@@ -95,10 +96,22 @@ TEST_F(UploadHeadersTest, EmptyValueLooksLikeAnAbsentHeader) {
 
 constexpr std::uint32_t kUntouched = 0xDEADBEEFu;
 
+// What GetResumableStartPos gave: whether it read a position, and the position it left.
 struct StartPos {
   bool ok;
   std::uint32_t position;
+  bool operator==(const StartPos& other) const {
+    return ok == other.ok && position == other.position;
+  }
 };
+
+void PrintTo(const StartPos& start, std::ostream* out) {
+  *out << (start.ok ? "found, " : "not found, ") << start.position;
+}
+
+// A position that was found, and one that was not (with what was left in its place).
+constexpr StartPos Found(std::uint32_t position) { return {true, position}; }
+constexpr StartPos NotFound(std::uint32_t position) { return {false, position}; }
 
 StartPos ReadStart(const ConnectionUtils& utils, const Lines* lines) {
   std::uint32_t position = kUntouched;
@@ -112,84 +125,52 @@ StartPos ReadRange(const ConnectionUtils& utils, const char* range_value) {
 }
 
 TEST_F(UploadHeadersTest, StartPosFromNullListIsFalseAndUntouched) {
-  const StartPos result = ReadStart(utils_, nullptr);
-  EXPECT_FALSE(result.ok);
-  EXPECT_EQ(result.position, kUntouched);
+  EXPECT_EQ(ReadStart(utils_, nullptr), NotFound(kUntouched));
 }
 
 TEST_F(UploadHeadersTest, StartPosWithoutRangeIsFalseAndUntouched) {
   const Lines lines = {S("Location: https://up.example/")};
-  const StartPos missing = ReadStart(utils_, &lines);
-  EXPECT_FALSE(missing.ok);
-  EXPECT_EQ(missing.position, kUntouched);
+  EXPECT_EQ(ReadStart(utils_, &lines), NotFound(kUntouched));
   const Lines lower = {S("range: bytes=0-99")};
-  const StartPos lower_case = ReadStart(utils_, &lower);
-  EXPECT_FALSE(lower_case.ok);
-  EXPECT_EQ(lower_case.position, kUntouched);
-  const StartPos empty = ReadRange(utils_, "");
-  EXPECT_FALSE(empty.ok);
-  EXPECT_EQ(empty.position, kUntouched);
+  EXPECT_EQ(ReadStart(utils_, &lower), NotFound(kUntouched));
+  EXPECT_EQ(ReadRange(utils_, ""), NotFound(kUntouched));
 }
 
 TEST_F(UploadHeadersTest, StartPosIsTheLastHeldByteNotIncremented) {
-  const StartPos result = ReadRange(utils_, "bytes=0-524287");
-  EXPECT_TRUE(result.ok);
-  EXPECT_EQ(result.position, 524287u);
+  EXPECT_EQ(ReadRange(utils_, "bytes=0-524287"), Found(524287u));
 }
 
 TEST_F(UploadHeadersTest, StartPosZeroZero) {
-  const StartPos result = ReadRange(utils_, "bytes=0-0");
-  EXPECT_TRUE(result.ok);
-  EXPECT_EQ(result.position, 0u);
+  EXPECT_EQ(ReadRange(utils_, "bytes=0-0"), Found(0u));
 }
 
 TEST_F(UploadHeadersTest, StartPosWithNothingAfterTheDashWritesZeroAndFails) {
-  const StartPos result = ReadRange(utils_, "bytes=0-");
-  EXPECT_FALSE(result.ok);
-  EXPECT_EQ(result.position, 0u) << "the failed conversion's 0 is written";
+  EXPECT_EQ(ReadRange(utils_, "bytes=0-"), NotFound(0u)) << "the failed conversion's 0 is written";
 }
 
 TEST_F(UploadHeadersTest, StartPosWithoutADashIsFalseAndUntouched) {
-  const StartPos result = ReadRange(utils_, "bytes=10");
-  EXPECT_FALSE(result.ok);
-  EXPECT_EQ(result.position, kUntouched);
+  EXPECT_EQ(ReadRange(utils_, "bytes=10"), NotFound(kUntouched));
 }
 
 TEST_F(UploadHeadersTest, StartPosReadsOnlyAfterTheFirstDash) {
-  const StartPos result = ReadRange(utils_, "a-b-7");
-  EXPECT_FALSE(result.ok) << "the text b-7 is not a number";
-  EXPECT_EQ(result.position, 0u);
-  const StartPos two = ReadRange(utils_, "x-1-2");
-  EXPECT_FALSE(two.ok) << "the text 1-2 is not a number";
-  EXPECT_EQ(two.position, 0u);
+  EXPECT_EQ(ReadRange(utils_, "a-b-7"), NotFound(0u)) << "the text b-7 is not a number";
+  EXPECT_EQ(ReadRange(utils_, "x-1-2"), NotFound(0u)) << "the text 1-2 is not a number";
 }
 
 TEST_F(UploadHeadersTest, StartPosIgnoresWhatComesBeforeTheDash) {
-  const StartPos result = ReadRange(utils_, "anything at all=77-4096");
-  EXPECT_TRUE(result.ok);
-  EXPECT_EQ(result.position, 4096u);
+  EXPECT_EQ(ReadRange(utils_, "anything at all=77-4096"), Found(4096u));
 }
 
 TEST_F(UploadHeadersTest, StartPosIsUnsigned32Bit) {
-  const StartPos largest = ReadRange(utils_, "bytes=0-4294967295");
-  EXPECT_TRUE(largest.ok);
-  EXPECT_EQ(largest.position, 4294967295u);
-  const StartPos too_large = ReadRange(utils_, "bytes=0-4294967296");
-  EXPECT_FALSE(too_large.ok);
-  EXPECT_EQ(too_large.position, 0u);
-  const StartPos negative = ReadRange(utils_, "bytes=0--1");
-  EXPECT_FALSE(negative.ok);
-  EXPECT_EQ(negative.position, 0u);
-  const StartPos hex = ReadRange(utils_, "bytes=0-0x10");
-  EXPECT_FALSE(hex.ok) << "decimal only";
-  EXPECT_EQ(hex.position, 0u);
+  EXPECT_EQ(ReadRange(utils_, "bytes=0-4294967295"), Found(4294967295u));
+  EXPECT_EQ(ReadRange(utils_, "bytes=0-4294967296"), NotFound(0u));
+  EXPECT_EQ(ReadRange(utils_, "bytes=0--1"), NotFound(0u));
+  EXPECT_EQ(ReadRange(utils_, "bytes=0-0x10"), NotFound(0u)) << "decimal only";
 }
 
 TEST_F(UploadHeadersTest, StartPosUsesTheFirstRangeLine) {
   const Lines lines = {S("Range: bytes=0-5"), S("Range: bytes=0-9")};
-  const StartPos result = ReadStart(utils_, &lines);
-  EXPECT_TRUE(result.ok);
-  EXPECT_EQ(result.position, 5u);
+  EXPECT_EQ(ReadStart(utils_, &lines), Found(5u));
 }
 
 // --- GetResumablePostExtraHeaders

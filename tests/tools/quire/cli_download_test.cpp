@@ -50,6 +50,24 @@ class CliDownloadTest : public quire_test::cli::CliEndToEndTest {
     return all;
   }
 
+  // Uploads `content` as a document named `title`, restarts the emulator with slow, small answers
+  // and starts "quire get `title` -o `target`"; once `target`.part holds at least `part_bytes` (or
+  // after 20 seconds) sends the run `signal_number` and returns how it ended.
+  ProcessResult InterruptSlowGet(const char* title, const QByteArray& content,
+                                 const QString& target, qint64 part_bytes, int signal_number) {
+    Put(title, content);
+    StartServer({QStringLiteral("--fault-close-response-after"), QStringLiteral("40000"),
+                 QStringLiteral("--fault-delay-ms"), QStringLiteral("40")});
+    ProcessRunner::Child child = runner_->Start(Args({"get", title, "-o", target.toStdString()}));
+    const QString part = target + QStringLiteral(".part");
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+    while (QFileInfo(part).size() < part_bytes && std::chrono::steady_clock::now() < deadline) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    ::kill(child.pid, signal_number);
+    return runner_->Wait(&child, 20);
+  }
+
   // Uploads `bytes` as a document named `title`.
   void Put(const char* title, const QByteArray& bytes) {
     const QString file = Path("source.bin");
@@ -119,19 +137,9 @@ TEST_F(CliDownloadTest, AnswersCutMidBodyAtSeveralOffsetsCompleteWithIdenticalBy
 
 TEST_F(CliDownloadTest, KilledRunContinuesWithOnlyTheMissingBytes) {
   const QByteArray content = PatternBytes(1024 * 1024, 5);
-  Put("Killed", content);
-  // Slow, small answers, so that the run can be killed in the middle.
-  StartServer({QStringLiteral("--fault-close-response-after"), QStringLiteral("40000"),
-               QStringLiteral("--fault-delay-ms"), QStringLiteral("40")});
   const QString target = Path("out/killed.bin");
   const QString part = target + QStringLiteral(".part");
-  ProcessRunner::Child child = runner_->Start(Args({"get", "Killed", "-o", target.toStdString()}));
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-  while (QFileInfo(part).size() < 100000 && std::chrono::steady_clock::now() < deadline) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(5));
-  }
-  ::kill(child.pid, SIGKILL);
-  runner_->Wait(&child, 20);
+  InterruptSlowGet("Killed", content, target, 100000, SIGKILL);
   const qint64 kept = QFileInfo(part).size();
   ASSERT_GT(kept, 0);
   ASSERT_LT(kept, content.size());
@@ -148,19 +156,9 @@ TEST_F(CliDownloadTest, KilledRunContinuesWithOnlyTheMissingBytes) {
 
 TEST_F(CliDownloadTest, CtrlCStopsWithExitCode130AndSaysHowToContinue) {
   const QByteArray content = PatternBytes(1024 * 1024, 10);
-  Put("Interrupted", content);
-  StartServer({QStringLiteral("--fault-close-response-after"), QStringLiteral("40000"),
-               QStringLiteral("--fault-delay-ms"), QStringLiteral("40")});
   const QString target = Path("out/interrupted.bin");
   const QString part = target + QStringLiteral(".part");
-  ProcessRunner::Child child =
-      runner_->Start(Args({"get", "Interrupted", "-o", target.toStdString()}));
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-  while (QFileInfo(part).size() < 50000 && std::chrono::steady_clock::now() < deadline) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(5));
-  }
-  ::kill(child.pid, SIGINT);
-  ProcessResult result = runner_->Wait(&child, 20);
+  ProcessResult result = InterruptSlowGet("Interrupted", content, target, 50000, SIGINT);
   EXPECT_EQ(result.exit_code, 130) << result.err;
   EXPECT_NE(LastLine(result.err).find("--continue"), std::string::npos) << result.err;
   EXPECT_GT(QFileInfo(part).size(), 0);

@@ -31,6 +31,19 @@ using quire_cli::ServerProcess;
 inline constexpr char kAccount[] = "e2e@quire.example";
 inline constexpr char kToken[] = "e2e-token-0f1e2d3c4b5a69788796a5b4c3d2e1f0";
 
+// The settings of an emulator for the quire program's tests: the emulator this build made, its data
+// folder and log in `folder`, serving `account` with the bearer token `token`.
+inline ServerProcess::Settings EmulatorSettings(const QString& folder, const char* account,
+                                                const char* token) {
+  ServerProcess::Settings settings;
+  settings.program = QStringLiteral(QUIRE_SERVER_BINARY);
+  settings.data_dir = QDir(folder).filePath(QStringLiteral("data"));
+  settings.log_file = QDir(folder).filePath(QStringLiteral("server.log"));
+  settings.account = QString::fromLatin1(account);
+  settings.token = QString::fromLatin1(token);
+  return settings;
+}
+
 inline QJsonArray ParseList(const ProcessResult& result) {
   QJsonParseError error{};
   const QJsonDocument parsed =
@@ -97,12 +110,7 @@ class CliEndToEndTest : public ::testing::Test {
   // (Re)starts the emulator on the same data folder, with `extra` arguments (faults).
   void StartServer(const QStringList& extra = {}) {
     if (server_) server_->Stop();
-    ServerProcess::Settings settings;
-    settings.program = QStringLiteral(QUIRE_SERVER_BINARY);
-    settings.data_dir = Path("data");
-    settings.log_file = Path("server.log");
-    settings.account = QString::fromLatin1(kAccount);
-    settings.token = QString::fromLatin1(kToken);
+    ServerProcess::Settings settings = EmulatorSettings(dir_.path(), kAccount, kToken);
     settings.extra_arguments = extra;
     server_.reset(new ServerProcess(settings));
     server_->Start();

@@ -13,6 +13,7 @@
 
 #include "tests/support/process_runner.h"
 #include "tests/support/proxy_server.h"
+#include "tests/tools/quire/cli_end_to_end_fixture.h"
 #include "tools/quire/server_process.h"
 
 namespace {
@@ -44,13 +45,8 @@ class CliProxyTest : public ::testing::Test {
                              "ALL_PROXY", "no_proxy", "NO_PROXY"}) {
       runner_->UnsetEnv(name);
     }
-    ServerProcess::Settings settings;
-    settings.program = QStringLiteral(QUIRE_SERVER_BINARY);
-    settings.data_dir = Path("data");
-    settings.log_file = Path("server.log");
-    settings.account = QString::fromLatin1(kAccount);
-    settings.token = QString::fromLatin1(kToken);
-    server_ = std::make_unique<ServerProcess>(settings);
+    server_ = std::make_unique<ServerProcess>(
+        quire_test::cli::EmulatorSettings(dir_.path(), kAccount, kToken));
     server_->Start();
   }
 

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "tests/support/process_runner.h"
+#include "tests/tools/quire/cli_end_to_end_fixture.h"
 #include "tools/quire/server_process.h"
 
 namespace {
@@ -27,13 +28,8 @@ class CliSettingsEndToEndTest : public ::testing::Test {
     ASSERT_TRUE(dir_.isValid());
     QDir().mkpath(QPath("scratch"));
     QDir().mkpath(QPath("config/quire"));
-    ServerProcess::Settings settings;
-    settings.program = QStringLiteral(QUIRE_SERVER_BINARY);
-    settings.data_dir = QPath("data");
-    settings.log_file = QPath("server.log");
-    settings.account = QStringLiteral("settings@quire.example");
-    settings.token = QString::fromLatin1(kToken);
-    server_.reset(new ServerProcess(settings));
+    server_.reset(new ServerProcess(
+        quire_test::cli::EmulatorSettings(dir_.path(), "settings@quire.example", kToken)));
     server_->Start();
     ASSERT_FALSE(server_->url().isEmpty());
     runner_.reset(new ProcessRunner(QUIRE_BINARY, Path("scratch")));

@@ -20,6 +20,7 @@
 #include "quire/model/link_relations.h"
 #include "tests/support/data_pattern.h"
 #include "tests/support/test_support.h"
+#include "tests/tools/quire/in_process_quire.h"
 #include "tools/quire/cli_failure.h"
 #include "tools/quire/upload_state.h"
 
@@ -161,33 +162,22 @@ class CommandLineTest : public quire_test::ScriptedTest {
     answers_.push_back(answer);
   }
 
-  struct Result {
-    int code;
-    std::string out;
-    std::string err;
-  };
+  using Result = quire_test::QuireRun;
 
   Result Run(std::vector<std::string> args, const QString& token = QString::fromLatin1(kToken)) {
-    std::ostringstream out;
-    std::ostringstream err;
     HostEnvironment host;
-    host.out = &out;
-    host.err = &err;
     host.err_is_terminal = terminal_;
     host.token_variable = token;
-    host.make_transport = [this](const ClientOptions& options) {
-      ++transports_made_;
-      options_ = options;
-      return std::shared_ptr<kestrel::net::ITransport>(&transport_,
-                                                       [](kestrel::net::ITransport*) {});
-    };
-    args.insert(args.begin(), "quire");
-    CommandLine command_line(&host);
-    const int code = command_line.Run(args);
-    const Result result{code, out.str(), err.str()};
+    const Result result = quire_test::RunQuireInProcess(
+        host, &transport_,
+        [this](const ClientOptions& options) {
+          ++transports_made_;
+          options_ = options;
+        },
+        std::move(args));
     // Every failure ends with exactly one line that starts with "quire: ", and nothing shows the
     // token.
-    if (code != 0) {
+    if (result.code != 0) {
       EXPECT_EQ(LastLine(result.err).rfind("quire: ", 0), 0u) << result.err;
       EXPECT_NE(LastLine(result.err).find("; "), std::string::npos) << result.err;
     }
@@ -206,6 +196,20 @@ class CommandLineTest : public quire_test::ScriptedTest {
 
   std::string StateFile() const {
     return dir_.filePath(QStringLiteral("upload.json")).toStdString();
+  }
+
+  // Writes StateFile() as an upload of `file` to kSession that was cut off would have left it,
+  // saying the file had `size` bytes when the upload started.
+  void SaveState(const QString& file, std::int64_t size, std::uint32_t chunk_size,
+                 const QString& content_type = QString()) const {
+    quire_cli::UploadState state;
+    state.session_url = kSession;
+    state.file_path = file;
+    state.file_size = size;
+    state.file_modified_ms = QFileInfo(file).lastModified().toMSecsSinceEpoch();
+    state.content_type = content_type;
+    state.chunk_size = chunk_size;
+    state.Save(QString::fromStdString(StateFile()));
   }
 
   std::deque<ScriptedTransport::Answer> answers_;
@@ -648,14 +652,7 @@ TEST_F(CommandLineTest, AnInterruptedUploadKeepsItsStateAndContinuesWithResume) 
 
 TEST_F(CommandLineTest, ResumeOfASessionThatHoldsNothingStartsAtZero) {
   const QString file = Write(QStringLiteral("z.bin"), PatternBytes(5));
-  quire_cli::UploadState state;
-  state.session_url = kSession;
-  state.file_path = file;
-  state.file_size = 5;
-  state.file_modified_ms = QFileInfo(file).lastModified().toMSecsSinceEpoch();
-  state.content_type = QStringLiteral("text/plain");
-  state.chunk_size = 100;
-  state.Save(QString::fromStdString(StateFile()));
+  SaveState(file, 5, 100, QStringLiteral("text/plain"));
   Enqueue(Http(308));
   Enqueue(Http(201), Entry({QStringLiteral("d4"), QStringLiteral("z"), QStringLiteral("\"e4\"")}));
   const Result result = Run({"upload", "--resume", "--state-file", StateFile()});
@@ -667,13 +664,7 @@ TEST_F(CommandLineTest, ResumeOfASessionThatHoldsNothingStartsAtZero) {
 
 TEST_F(CommandLineTest, ResumeOfAnUploadThatHadFinishedReportsTheDocument) {
   const QString file = Write(QStringLiteral("done.bin"), PatternBytes(5));
-  quire_cli::UploadState state;
-  state.session_url = kSession;
-  state.file_path = file;
-  state.file_size = 5;
-  state.file_modified_ms = QFileInfo(file).lastModified().toMSecsSinceEpoch();
-  state.chunk_size = 100;
-  state.Save(QString::fromStdString(StateFile()));
+  SaveState(file, 5, 100);
   Enqueue(Http(201),
           Entry({QStringLiteral("d5"), QStringLiteral("done"), QStringLiteral("\"e5\"")}));
   const Result result = Run({"upload", "--resume", "--state-file", StateFile()});
@@ -685,13 +676,7 @@ TEST_F(CommandLineTest, ResumeOfAnUploadThatHadFinishedReportsTheDocument) {
 
 TEST_F(CommandLineTest, ResumeRefusesAFileThatChangedAndForgetsTheState) {
   const QString file = Write(QStringLiteral("c.bin"), PatternBytes(25));
-  quire_cli::UploadState state;
-  state.session_url = kSession;
-  state.file_path = file;
-  state.file_size = 24;  // the file has grown since
-  state.file_modified_ms = QFileInfo(file).lastModified().toMSecsSinceEpoch();
-  state.chunk_size = 10;
-  state.Save(QString::fromStdString(StateFile()));
+  SaveState(file, 24, 10);  // the file has grown since
   const Result result = Run({"upload", "--resume", "--state-file", StateFile()});
   EXPECT_EQ(result.code, 1);
   EXPECT_NE(result.err.find("changed since its upload started"), std::string::npos) << result.err;
@@ -707,13 +692,7 @@ TEST_F(CommandLineTest, ResumeWithoutAnInterruptedUploadIsAUsageFailure) {
 
 TEST_F(CommandLineTest, ResumeOfASessionThatIsGoneIsNotFoundAndForgetsTheState) {
   const QString file = Write(QStringLiteral("g.bin"), PatternBytes(5));
-  quire_cli::UploadState state;
-  state.session_url = kSession;
-  state.file_path = file;
-  state.file_size = 5;
-  state.file_modified_ms = QFileInfo(file).lastModified().toMSecsSinceEpoch();
-  state.chunk_size = 10;
-  state.Save(QString::fromStdString(StateFile()));
+  SaveState(file, 5, 10);
   Enqueue(Http(404));
   const Result result = Run({"upload", "--resume", "--state-file", StateFile()});
   EXPECT_EQ(result.code, 5);

@@ -12,6 +12,7 @@
 
 #include "kestrel/net/network_status.h"
 #include "tests/support/test_support.h"
+#include "tests/tools/quire/in_process_quire.h"
 #include "tools/quire/cli_failure.h"
 #include "tools/quire/command_line.h"
 #include "tools/quire/config_file.h"
@@ -23,7 +24,6 @@ namespace {
 using kestrel::net::ScriptedTransport;
 using quire_cli::ClientOptions;
 using quire_cli::CliFailure;
-using quire_cli::CommandLine;
 using quire_cli::ConfigFile;
 using quire_cli::EffectiveSettings;
 using quire_cli::HostEnvironment;
@@ -56,32 +56,18 @@ class SettingsTest : public quire_test::ScriptedTest {
     ASSERT_EQ(::chmod(QFile::encodeName(config_).constData(), mode), 0);
   }
 
-  struct Result {
-    int code;
-    std::string out;
-    std::string err;
-  };
+  using Result = quire_test::QuireRun;
 
   // Runs quire in-process with QUIRE_TOKEN = `token` (null: unset) and QUIRE_PROFILE = `profile`.
   Result Run(std::vector<std::string> args, const QString& token = QString(),
              const QString& profile = QString()) {
-    std::ostringstream out;
-    std::ostringstream err;
     HostEnvironment host;
-    host.out = &out;
-    host.err = &err;
     host.token_variable = token;
     host.profile_variable = profile;
     host.config_path = config_;
-    host.make_transport = [this](const ClientOptions& options) {
-      options_ = options;
-      return std::shared_ptr<kestrel::net::ITransport>(&transport_,
-                                                       [](kestrel::net::ITransport*) {});
-    };
-    args.insert(args.begin(), "quire");
-    CommandLine command_line(&host);
-    const int code = command_line.Run(args);
-    const Result result{code, out.str(), err.str()};
+    const Result result = quire_test::RunQuireInProcess(
+        host, &transport_, [this](const ClientOptions& options) { options_ = options; },
+        std::move(args));
     // Nothing ever shows a token.
     for (const char* token_text : {kToken, kEnvToken}) {
       EXPECT_EQ(result.out.find(token_text), std::string::npos) << result.out;
