@@ -263,6 +263,16 @@ void AddServiceOptions(ServiceOptions* options, CommandLine* command_line) {
   command_line->Number("--rounds", &options->rounds, 1);
 }
 
+bool SuiteOptions::Wants(const char* what) const {
+  return only.empty() || std::find(only.begin(), only.end(), what) != only.end();
+}
+
+void AddSuiteOptions(SuiteOptions* options, CommandLine* command_line) {
+  AddServiceOptions(options, command_line);
+  command_line->Text("--work", &options->work);
+  command_line->List("--only", &options->only);
+}
+
 bool CommandLine::Parse(int argc, char** argv, const char* usage) const {
   for (int i = 1; i < argc; ++i) {
     const std::string arg = argv[i];

@@ -126,4 +126,17 @@ struct ServiceOptions {
 // Adds --service, --ca, --token, --out and --rounds (at least 1) for `options`.
 void AddServiceOptions(ServiceOptions* options, CommandLine* command_line);
 
+// The options of a benchmark program that writes its data to a work folder and measures several
+// things, of which --only picks some.
+struct SuiteOptions : ServiceOptions {
+  std::string work = "/tmp";
+  std::vector<std::string> only;  // empty: everything
+
+  // Whether `what` is to be measured.
+  bool Wants(const char* what) const;
+};
+
+// Adds the service options, --work and --only (a comma-separated list) for `options`.
+void AddSuiteOptions(SuiteOptions* options, CommandLine* command_line);
+
 }  // namespace quire_bench
