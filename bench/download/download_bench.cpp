@@ -252,10 +252,8 @@ class Bench {
     row.ours = ours;
     row.goal = 64;
     row.lower_better = true;
-    char note[96];
-    std::snprintf(note, sizeof note, "curl -o FILE in the same run: %.1f MiB",
-                  quire_bench::Median(peer));
-    row.note = note;
+    row.note =
+        quire_bench::Printf("curl -o FILE in the same run: %.1f MiB", quire_bench::Median(peer));
     return quire_bench::AppendRow(o_.out, row);
   }
 
@@ -303,12 +301,10 @@ class Bench {
     // One network-layer buffer: the sink's ring (8 MiB) and libcurl's receive buffer (512 KiB).
     row.goal = 8.5;
     row.lower_better = true;
-    char note[160];
-    std::snprintf(note, sizeof note,
-                  "missing %.1f MiB (median); asked for by the continued run, as its final "
-                  "line reports the bytes reused",
-                  quire_bench::Median(peer));
-    row.note = note;
+    row.note = quire_bench::Printf(
+        "missing %.1f MiB (median); asked for by the continued run, as its final "
+        "line reports the bytes reused",
+        quire_bench::Median(peer));
     return quire_bench::AppendRow(o_.out, row);
   }
 

@@ -345,14 +345,12 @@ bool Report(const std::string& out, const Result& r, bool headline) {
   row.peer = Milliseconds(r.raw.cpu);
   row.lower_better = true;
   row.goal = headline ? 0.5 : 0;
-  char note[200];
   const double us = 1e6 / r.entries;
-  std::snprintf(note, sizeof(note),
-                "per entry: reader %.2f us, ParseFrom %.2f us, deleting the feed %.2f us, the "
-                "reader %.2f us; %.2f memory-manager allocations per entry",
-                Median(r.reader.cpu) * us, Median(r.model.cpu) * us, Median(r.delete_feed.cpu) * us,
-                Median(r.delete_reader.cpu) * us, r.allocations_per_entry);
-  row.note = note;
+  row.note = quire_bench::Printf(
+      "per entry: reader %.2f us, ParseFrom %.2f us, deleting the feed %.2f us, the "
+      "reader %.2f us; %.2f memory-manager allocations per entry",
+      Median(r.reader.cpu) * us, Median(r.model.cpu) * us, Median(r.delete_feed.cpu) * us,
+      Median(r.delete_reader.cpu) * us, r.allocations_per_entry);
   if (!quire_bench::AppendRow(out, row, false)) return false;
   if (headline) {
     quire_bench::Row records = row;

@@ -142,12 +142,10 @@ class Bench {
     row.ours = driver_rates;
     row.goal = 0;
     row.lower_better = true;
-    char note[200];
-    std::snprintf(note, sizeof(note),
-                  "a host polling RunUntilIdle() from a 5 ms QTimer: %.0f/s; the whole process "
-                  "with the driver: %.1f/s",
-                  Median(polling_rates), Median(process_rates));
-    row.note = note;
+    row.note = quire_bench::Printf(
+        "a host polling RunUntilIdle() from a 5 ms QTimer: %.0f/s; the whole process "
+        "with the driver: %.1f/s",
+        Median(polling_rates), Median(process_rates));
     // A goal of 0 wake-ups: the report's "at most" test.
     return quire_bench::AppendRow(options_.out, row);
   }

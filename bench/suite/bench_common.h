@@ -51,6 +51,9 @@ bool ResetPeakRss();
 // Fills `size` bytes at `out` with the tests' data pattern (incompressible, touching every page),
 // the stream numbered `seed`.
 void FillPseudoRandom(char* out, long long size, unsigned long long seed);
+// printf's formatting into a string of whatever length it needs.
+std::string Printf(const char* format, ...) __attribute__((format(printf, 1, 2)));
+
 // Writes `size` bytes to `path`; false on failure.
 bool WriteFile(const std::string& path, const char* data, long long size);
 

@@ -386,10 +386,8 @@ bool Bench::SizeRounds(long long size_mib) {
       row.peer_cpu = CpuPerGiB(up_curl, size);
       row.goal =
           size_mib == 1024 && chunks_kib[i] == kDefaultChunkKiB && scheme == "https" ? 0.95 : 0;
-      char note[96];
-      std::snprintf(note, sizeof(note), "%.1f memory-manager allocations per request",
-                    allocations_per_put[i]);
-      row.note = note;
+      row.note = quire_bench::Printf("%.1f memory-manager allocations per request",
+                                     allocations_per_put[i]);
       if (!quire_bench::AppendRow(options_.out, row)) return false;
       // The default chunk size at the largest size is also a point of the size series.
       if (by_chunk && chunks_kib[i] == kDefaultChunkKiB) {
