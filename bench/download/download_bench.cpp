@@ -45,10 +45,15 @@ constexpr double kMiB = 1024.0 * 1024.0;
 // This program's path, for the plain-HTTP download in a process of its own.
 std::string g_self;
 
-struct Options {
-  std::string quire, service, ca, work, out, token = "quire-demo-token", only = "first,memory";
+struct Options : quire_bench::SuiteOptions {
+  std::string quire;
   long long size_mib = 1024;
-  int rounds = 3;
+
+  Options() {
+    work.clear();  // required
+    only = {"first", "memory"};
+    rounds = 3;
+  }
 };
 
 struct Run {
@@ -247,10 +252,8 @@ class Bench {
     row.ours = ours;
     row.goal = 64;
     row.lower_better = true;
-    char note[96];
-    std::snprintf(note, sizeof note, "curl -o FILE in the same run: %.1f MiB",
-                  quire_bench::Median(peer));
-    row.note = note;
+    row.note =
+        quire_bench::Printf("curl -o FILE in the same run: %.1f MiB", quire_bench::Median(peer));
     return quire_bench::AppendRow(o_.out, row);
   }
 
@@ -298,12 +301,10 @@ class Bench {
     // One network-layer buffer: the sink's ring (8 MiB) and libcurl's receive buffer (512 KiB).
     row.goal = 8.5;
     row.lower_better = true;
-    char note[160];
-    std::snprintf(note, sizeof note,
-                  "missing %.1f MiB (median); asked for by the continued run, as its final "
-                  "line reports the bytes reused",
-                  quire_bench::Median(peer));
-    row.note = note;
+    row.note = quire_bench::Printf(
+        "missing %.1f MiB (median); asked for by the continued run, as its final "
+        "line reports the bytes reused",
+        quire_bench::Median(peer));
     return quire_bench::AppendRow(o_.out, row);
   }
 
@@ -351,47 +352,25 @@ int main(int argc, char** argv) {
   if (argc > 1 && std::strcmp(argv[1], "--child") == 0) return Child(argc, argv);
   g_self = argv[0];
   Options o;
-  for (int i = 1; i + 1 < argc; i += 2) {
-    const std::string name = argv[i];
-    const std::string value = argv[i + 1];
-    if (name == "--quire")
-      o.quire = value;
-    else if (name == "--service")
-      o.service = value;
-    else if (name == "--ca")
-      o.ca = value;
-    else if (name == "--work")
-      o.work = value;
-    else if (name == "--out")
-      o.out = value;
-    else if (name == "--token")
-      o.token = value;
-    else if (name == "--only")
-      o.only = value;
-    else if (name == "--size-mib")
-      o.size_mib = std::atoll(value.c_str());
-    else if (name == "--rounds")
-      o.rounds = std::atoi(value.c_str());
-    else {
-      std::fprintf(stderr, "download_bench: unknown option %s\n", name.c_str());
-      return 2;
-    }
-  }
-  if (o.quire.empty() || o.service.empty() || o.work.empty() || o.size_mib <= 0 || o.rounds <= 0) {
-    std::fprintf(stderr,
-                 "usage: download_bench --quire BIN --service URL [--ca FILE] --work DIR "
-                 "[--out FILE] [--token T] [--only first,memory,resume] [--size-mib N] "
-                 "[--rounds N]\n");
+  quire_bench::CommandLine command_line;
+  quire_bench::AddSuiteOptions(&o, &command_line);
+  command_line.Text("--quire", &o.quire);
+  command_line.Number("--size-mib", &o.size_mib, 1LL);
+  const char kUsage[] =
+      "--quire BIN --service URL [--ca FILE] --work DIR [--out FILE] [--token T] "
+      "[--only first,memory,resume] [--size-mib N] [--rounds N]";
+  if (!command_line.Parse(argc, argv, kUsage)) return 2;
+  if (o.quire.empty() || o.service.empty() || o.work.empty()) {
+    std::fprintf(stderr, "usage: download_bench %s\n", kUsage);
     return 2;
   }
   ::setenv("QUIRE_TOKEN", o.token.c_str(), 1);
   Bench bench(o);
   if (!bench.Create()) return 1;
   bool ok = true;
-  const std::string only = "," + o.only + ",";
-  if (ok && only.find(",first,") != std::string::npos) ok = bench.First();
-  if (ok && only.find(",memory,") != std::string::npos) ok = bench.Memory();
-  if (ok && only.find(",resume,") != std::string::npos) ok = bench.Resume();
+  if (ok && o.Wants("first")) ok = bench.First();
+  if (ok && o.Wants("memory")) ok = bench.Memory();
+  if (ok && o.Wants("resume")) ok = bench.Resume();
   bench.Delete();
   return ok ? 0 : 1;
 }

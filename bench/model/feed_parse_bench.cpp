@@ -275,24 +275,21 @@ Result Measure(int entries, int rounds) {
     result.delete_reader.Add(run.delete_reader);
     result.allocations_per_entry = static_cast<double>(run.allocations) / entries;
   };
-  auto raw = [&](bool timed) {
-    std::size_t found = 0;
-    const Times times = RunRaw(bytes, &found);
-    if (found != static_cast<std::size_t>(entries)) {
-      std::fprintf(stderr, "pugixml found %zu entries\n", found);
-      std::exit(1);
-    }
-    if (timed) result.raw.Add(times);
+  // A road that tells how many entries it found, which must be all of them.
+  auto counting = [&](Times (*run)(const QByteArray&, std::size_t*), const char* found_text,
+                      Series* series) {
+    return [&bytes, entries, run, found_text, series](bool timed) {
+      std::size_t found = 0;
+      const Times times = run(bytes, &found);
+      if (found != static_cast<std::size_t>(entries)) {
+        std::fprintf(stderr, "%s %zu entries\n", found_text, found);
+        std::exit(1);
+      }
+      if (timed) series->Add(times);
+    };
   };
-  auto records = [&](bool timed) {
-    std::size_t made = 0;
-    const Times times = RunRecordsAlone(bytes, &made);
-    if (made != static_cast<std::size_t>(entries)) {
-      std::fprintf(stderr, "the records road made %zu entries\n", made);
-      std::exit(1);
-    }
-    if (timed) result.records.Add(times);
-  };
+  auto raw = counting(RunRaw, "pugixml found", &result.raw);
+  auto records = counting(RunRecordsAlone, "the records road made", &result.records);
   for (int round = 0; round < rounds; ++round) {
     for (int turn = 0; turn < 3; ++turn) {
       switch ((turn + round) % 3) {
@@ -348,14 +345,12 @@ bool Report(const std::string& out, const Result& r, bool headline) {
   row.peer = Milliseconds(r.raw.cpu);
   row.lower_better = true;
   row.goal = headline ? 0.5 : 0;
-  char note[200];
   const double us = 1e6 / r.entries;
-  std::snprintf(note, sizeof(note),
-                "per entry: reader %.2f us, ParseFrom %.2f us, deleting the feed %.2f us, the "
-                "reader %.2f us; %.2f memory-manager allocations per entry",
-                Median(r.reader.cpu) * us, Median(r.model.cpu) * us, Median(r.delete_feed.cpu) * us,
-                Median(r.delete_reader.cpu) * us, r.allocations_per_entry);
-  row.note = note;
+  row.note = quire_bench::Printf(
+      "per entry: reader %.2f us, ParseFrom %.2f us, deleting the feed %.2f us, the "
+      "reader %.2f us; %.2f memory-manager allocations per entry",
+      Median(r.reader.cpu) * us, Median(r.model.cpu) * us, Median(r.delete_feed.cpu) * us,
+      Median(r.delete_reader.cpu) * us, r.allocations_per_entry);
   if (!quire_bench::AppendRow(out, row, false)) return false;
   if (headline) {
     quire_bench::Row records = row;

@@ -24,13 +24,13 @@
 #include <vector>
 
 #include "bench/suite/bench_common.h"
+#include "bench/suite/bench_service.h"
 #include "kestrel/base/main_loop.h"
 #include "kestrel/net/curl_transport.h"
 #include "quire/connection/connection.h"
 #include "quire/model/docs_entry.h"
 #include "quire/qt/qt_event_loop_driver.h"
 #include "quire/services/docs_service.h"
-#include "quire/services/endpoints.h"
 #include "quire/upload/connection_utils.h"
 
 namespace {
@@ -91,21 +91,13 @@ class Bench {
   explicit Bench(const Options& options) : options_(options) {}
 
   bool SetUp() {
-    kestrel::net::CurlTransportConfig config;
-    for (const char* host : {"docs.quire.example", "api.quire.example"}) {
-      config.host_mappings.push_back(
-          {QString::fromLatin1(host), QString::fromStdString(options_.address), options_.port});
+    if (!kestrel::net::CurlTransport::Default()->Configure(
+            quire_bench::EmulatorTransportConfig(options_.address, options_.port, options_.ca))) {
+      return false;
     }
-    if (!options_.ca.empty()) {
-      config.extra_ca_certificate_files.push_back(QString::fromStdString(options_.ca));
-    }
-    if (!kestrel::net::CurlTransport::Default()->Configure(config)) return false;
     service_ = new DocsService();
     service_->SetOAuth2AuthToken(QString::fromStdString(options_.token));
-    upload_connection_ = new Connection();
-    upload_connection_->Init(
-        {QStringLiteral("Quire-Version: %1").arg(QLatin1String(kestrel::quire::kProtocolVersion)),
-         QStringLiteral("Authorization: Bearer %1").arg(QString::fromStdString(options_.token))});
+    upload_connection_ = quire_bench::NewAuthorizedConnection(options_.token);
     return true;
   }
 
@@ -150,12 +142,10 @@ class Bench {
     row.ours = driver_rates;
     row.goal = 0;
     row.lower_better = true;
-    char note[200];
-    std::snprintf(note, sizeof(note),
-                  "a host polling RunUntilIdle() from a 5 ms QTimer: %.0f/s; the whole process "
-                  "with the driver: %.1f/s",
-                  Median(polling_rates), Median(process_rates));
-    row.note = note;
+    row.note = quire_bench::Printf(
+        "a host polling RunUntilIdle() from a 5 ms QTimer: %.0f/s; the whole process "
+        "with the driver: %.1f/s",
+        Median(polling_rates), Median(process_rates));
     // A goal of 0 wake-ups: the report's "at most" test.
     return quire_bench::AppendRow(options_.out, row);
   }

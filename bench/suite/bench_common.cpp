@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -213,6 +214,19 @@ bool PerformOneAfterAnother(CURLM* multi, CURL* easy, int count) {
   return ok;
 }
 
+std::string Printf(const char* format, ...) {
+  va_list arguments;
+  va_start(arguments, format);
+  va_list again;
+  va_copy(again, arguments);
+  const int length = std::vsnprintf(nullptr, 0, format, arguments);
+  va_end(arguments);
+  std::string text(length > 0 ? static_cast<std::size_t>(length) : 0, '\0');
+  if (length > 0) std::vsnprintf(text.data(), text.size() + 1, format, again);
+  va_end(again);
+  return text;
+}
+
 std::vector<std::string> Split(const std::string& text, char separator) {
   std::vector<std::string> parts;
   std::size_t start = 0;
@@ -261,6 +275,16 @@ void AddServiceOptions(ServiceOptions* options, CommandLine* command_line) {
   command_line->Text("--token", &options->token);
   command_line->Text("--out", &options->out);
   command_line->Number("--rounds", &options->rounds, 1);
+}
+
+bool SuiteOptions::Wants(const char* what) const {
+  return only.empty() || std::find(only.begin(), only.end(), what) != only.end();
+}
+
+void AddSuiteOptions(SuiteOptions* options, CommandLine* command_line) {
+  AddServiceOptions(options, command_line);
+  command_line->Text("--work", &options->work);
+  command_line->List("--only", &options->only);
 }
 
 bool CommandLine::Parse(int argc, char** argv, const char* usage) const {

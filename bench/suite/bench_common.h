@@ -51,6 +51,9 @@ bool ResetPeakRss();
 // Fills `size` bytes at `out` with the tests' data pattern (incompressible, touching every page),
 // the stream numbered `seed`.
 void FillPseudoRandom(char* out, long long size, unsigned long long seed);
+// printf's formatting into a string of whatever length it needs.
+std::string Printf(const char* format, ...) __attribute__((format(printf, 1, 2)));
+
 // Writes `size` bytes to `path`; false on failure.
 bool WriteFile(const std::string& path, const char* data, long long size);
 
@@ -125,5 +128,18 @@ struct ServiceOptions {
 
 // Adds --service, --ca, --token, --out and --rounds (at least 1) for `options`.
 void AddServiceOptions(ServiceOptions* options, CommandLine* command_line);
+
+// The options of a benchmark program that writes its data to a work folder and measures several
+// things, of which --only picks some.
+struct SuiteOptions : ServiceOptions {
+  std::string work = "/tmp";
+  std::vector<std::string> only;  // empty: everything
+
+  // Whether `what` is to be measured.
+  bool Wants(const char* what) const;
+};
+
+// Adds the service options, --work and --only (a comma-separated list) for `options`.
+void AddSuiteOptions(SuiteOptions* options, CommandLine* command_line);
 
 }  // namespace quire_bench

@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
+#include <initializer_list>
 #include <map>
 #include <sstream>
 #include <string>
@@ -120,6 +121,22 @@ std::string RatioText(double ratio) {
   char text[32];
   std::snprintf(text, sizeof(text), "%.2fx", ratio);
   return text;
+}
+
+// The rows of the given kinds (the first part of their id), in the order they were written.
+std::vector<const Row*> OfKind(const std::vector<Row>& rows,
+                               std::initializer_list<const char*> kinds) {
+  std::vector<const Row*> out;
+  for (const Row& row : rows) {
+    const std::string kind = row.Part(0);
+    for (const char* wanted : kinds) {
+      if (kind == wanted) {
+        out.push_back(&row);
+        break;
+      }
+    }
+  }
+  return out;
 }
 
 // The rows whose id starts with `prefix`, by their x.
@@ -306,13 +323,7 @@ int main(int argc, char** argv) {
          "back); the peer is a plain libcurl multi loop on one thread with one reused handle. The "
          "two alternate in blocks of a twentieth of the requests. Allocations are counted by the "
          "memory manager (our code's; Qt's, libcurl's and the standard library's own are not).\n\n";
-  {
-    std::vector<const Row*> small;
-    for (const Row& row : rows) {
-      if (row.Part(0) == "small" || row.Part(0) == "allocs") small.push_back(&row);
-    }
-    Table(out, small);
-  }
+  Table(out, OfKind(rows, {"small", "allocs"}));
 
   out << "## Feed parsing\n\n"
          "A generated feed (each entry as the service writes it, about 1.6 KB) read by `XmlReader` "
@@ -347,22 +358,10 @@ int main(int argc, char** argv) {
          "on another thread, as the HTTPS transport posts a completion, to its run on the main "
          "thread. The upload goes to the emulator over HTTPS; each chunk is issued from the "
          "completion of the one before.\n\n";
-  {
-    std::vector<const Row*> qt;
-    for (const Row& row : rows) {
-      if (row.Part(0) == "qtloop") qt.push_back(&row);
-    }
-    Table(out, qt);
-  }
+  Table(out, OfKind(rows, {"qtloop"}));
 
   out << "## Memory\n\n";
-  {
-    std::vector<const Row*> memory;
-    for (const Row& row : rows) {
-      if (row.Part(0) == "memory") memory.push_back(&row);
-    }
-    Table(out, memory);
-  }
+  Table(out, OfKind(rows, {"memory"}));
 
   if (args.count("--notes") != 0) out << ReadAll(args["--notes"]);
   return out ? 0 : 1;

@@ -25,9 +25,9 @@
 #include <vector>
 
 #include "bench/suite/bench_common.h"
+#include "bench/suite/bench_service.h"
 #include "kestrel/base/main_loop.h"
 #include "kestrel/net/curl_transport.h"
-#include "kestrel/net/curl_transport_config.h"
 #include "kestrel/net/transport_registry.h"
 #include "quire/connection/connection.h"
 #include "quire/model/docs_entry.h"
@@ -44,19 +44,13 @@ using quire_bench::SecondsSince;
 
 constexpr long long kMiB = 1024 * 1024;
 
-struct Options : quire_bench::ServiceOptions {
+struct Options : quire_bench::SuiteOptions {
   std::string faulty;
   std::string faulty_ca;
-  std::string work = "/tmp";
   long long size_mib = 256;
   long long memory_size_mib = 4096;
   long long chunk_kib = 8192;
   std::string fail_percent = "5";
-  std::vector<std::string> only;
-
-  bool Wants(const char* what) const {
-    return only.empty() || std::find(only.begin(), only.end(), what) != only.end();
-  }
 };
 
 // "https://ADDRESS:PORT" into its parts; false when it is not of that form.
@@ -80,24 +74,15 @@ class Target {
       std::fprintf(stderr, "resilience_bench: %s is not https://ADDRESS:PORT\n", url.c_str());
       return false;
     }
-    kestrel::net::CurlTransportConfig config;
-    for (const char* host : {"docs.quire.example", "api.quire.example"}) {
-      config.host_mappings.push_back(
-          {QString::fromLatin1(host), QString::fromStdString(address), port});
-    }
-    config.extra_ca_certificate_files.push_back(QString::fromStdString(ca));
     transport_ = new kestrel::net::CurlTransport();
-    if (!transport_->Configure(config)) {
+    if (!transport_->Configure(quire_bench::EmulatorTransportConfig(address, port, ca))) {
       std::fprintf(stderr, "resilience_bench: the transport refused the configuration\n");
       return false;
     }
     // Connections take the registry's transport when they are made.
     kestrel::net::TransportRegistry::SetDefault(transport_);
     service_ = new DocsService();
-    connection_ = new Connection();
-    connection_->Init(
-        {QStringLiteral("Quire-Version: %1").arg(QLatin1String(kestrel::quire::kProtocolVersion)),
-         QStringLiteral("Authorization: Bearer %1").arg(QString::fromStdString(token))});
+    connection_ = quire_bench::NewAuthorizedConnection(token);
     kestrel::net::TransportRegistry::SetDefault(nullptr);
     service_->SetOAuth2AuthToken(QString::fromStdString(token));
     return CreateDocument();
@@ -267,15 +252,13 @@ bool Memory(const Options& options) {
 int main(int argc, char** argv) {
   Options options;
   quire_bench::CommandLine command_line;
-  quire_bench::AddServiceOptions(&options, &command_line);
+  quire_bench::AddSuiteOptions(&options, &command_line);
   command_line.Text("--faulty", &options.faulty);
   command_line.Text("--faulty-ca", &options.faulty_ca);
-  command_line.Text("--work", &options.work);
   command_line.Number("--size", &options.size_mib, 1);
   command_line.Number("--memory-size", &options.memory_size_mib, 1);
   command_line.Number("--chunk", &options.chunk_kib, 1);
   command_line.Text("--fail-percent", &options.fail_percent);
-  command_line.List("--only", &options.only);
   if (!command_line.Parse(argc, argv,
                           "--service URL --ca FILE [--faulty URL --faulty-ca FILE] [--token T] "
                           "--work DIR [--out FILE] [--rounds N] [--size MiB] [--memory-size MiB] "

@@ -33,13 +33,12 @@
 #include <vector>
 
 #include "bench/suite/bench_common.h"
+#include "bench/suite/bench_service.h"
 #include "kestrel/base/main_loop.h"
 #include "kestrel/base/memory_manager.h"
 #include "kestrel/net/curl_transport.h"
-#include "kestrel/net/curl_transport_config.h"
 #include "quire/connection/connection.h"
 #include "quire/services/docs_service.h"
-#include "quire/services/endpoints.h"
 #include "quire/upload/connection_utils.h"
 
 namespace {
@@ -54,21 +53,16 @@ using quire_bench::SecondsSince;
 constexpr long long kMiB = 1024 * 1024;
 constexpr long long kDefaultChunkKiB = 8 * 1024;
 
-struct Options : quire_bench::ServiceOptions {
-  std::string work = "/tmp";
+struct Options : quire_bench::SuiteOptions {
   std::vector<long long> sizes_mib = {1, 4, 16, 64, 256, 1024};
   std::vector<long long> chunks_kib = {256, 1024, 8192, 32768};
   int small = 10000;
-  std::vector<std::string> only;
 
   // From `service`.
   std::string scheme;
   std::string address;
   int port = 0;
 
-  bool Wants(const char* what) const {
-    return only.empty() || std::find(only.begin(), only.end(), what) != only.end();
-  }
   std::string Host() const { return "docs.quire.example"; }
   int ServicePort() const { return scheme == "https" ? 443 : 80; }
   // curl's --connect-to for the service host.
@@ -148,25 +142,15 @@ class Bench {
 };
 
 bool Bench::SetUp() {
-  kestrel::net::CurlTransportConfig config;
-  for (const char* host : {"docs.quire.example", "api.quire.example"}) {
-    config.host_mappings.push_back(
-        {QString::fromLatin1(host), QString::fromStdString(options_.address), options_.port});
-  }
-  if (!options_.ca.empty()) {
-    config.extra_ca_certificate_files.push_back(QString::fromStdString(options_.ca));
-  }
-  if (!kestrel::net::CurlTransport::Default()->Configure(config)) {
+  if (!kestrel::net::CurlTransport::Default()->Configure(
+          quire_bench::EmulatorTransportConfig(options_.address, options_.port, options_.ca))) {
     std::fprintf(stderr, "transfer_bench: the transport refused the configuration\n");
     return false;
   }
   service_ = new DocsService();
   service_->SetOAuth2AuthToken(QString::fromStdString(options_.token));
   // ConnectionUtils sends through a connection whose fixed lines carry the authorisation.
-  upload_connection_ = new Connection();
-  upload_connection_->Init(
-      {QStringLiteral("Quire-Version: %1").arg(QLatin1String(kestrel::quire::kProtocolVersion)),
-       QStringLiteral("Authorization: Bearer %1").arg(QString::fromStdString(options_.token))});
+  upload_connection_ = quire_bench::NewAuthorizedConnection(options_.token);
   return true;
 }
 
@@ -402,10 +386,8 @@ bool Bench::SizeRounds(long long size_mib) {
       row.peer_cpu = CpuPerGiB(up_curl, size);
       row.goal =
           size_mib == 1024 && chunks_kib[i] == kDefaultChunkKiB && scheme == "https" ? 0.95 : 0;
-      char note[96];
-      std::snprintf(note, sizeof(note), "%.1f memory-manager allocations per request",
-                    allocations_per_put[i]);
-      row.note = note;
+      row.note = quire_bench::Printf("%.1f memory-manager allocations per request",
+                                     allocations_per_put[i]);
       if (!quire_bench::AppendRow(options_.out, row)) return false;
       // The default chunk size at the largest size is also a point of the size series.
       if (by_chunk && chunks_kib[i] == kDefaultChunkKiB) {
@@ -603,14 +585,12 @@ bool ParseService(Options* options) {
 int main(int argc, char** argv) {
   Options options;
   quire_bench::CommandLine command_line;
-  quire_bench::AddServiceOptions(&options, &command_line);
-  command_line.Text("--work", &options.work);
+  quire_bench::AddSuiteOptions(&options, &command_line);
   command_line.Custom("--sizes",
                       [&](const std::string& value) { options.sizes_mib = Numbers(value); });
   command_line.Custom("--chunks",
                       [&](const std::string& value) { options.chunks_kib = Numbers(value); });
   command_line.Number("--small", &options.small, 1);
-  command_line.List("--only", &options.only);
   if (!command_line.Parse(argc, argv,
                           "--service URL --ca FILE [--token T] --work DIR [--out FILE] "
                           "[--rounds N] [--sizes MiB,...] [--chunks KiB,...] [--small N] "

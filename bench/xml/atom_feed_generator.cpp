@@ -26,6 +26,11 @@ const char* const kTypes[] = {"text/html", "application/pdf", "text/plain",
 const char* const kAuthors[] = {"Ann Example", "Bj\xC3\xB6rn M\xC3\xBCller", "Chlo\xC3\xA9 Martin",
                                 "Dev Patel"};
 
+constexpr char kAtom[] = "application/atom+xml";
+// Where resumable uploads begin: new documents here, new content of one below it.
+constexpr char kCreateSession[] =
+    "https://docs.quire.example/feeds/upload/create-session/default/private/full";
+
 // A deterministic pseudo-random generator, so that every run parses the same bytes.
 unsigned long long Next(unsigned long long* state) {
   *state ^= *state << 13;
@@ -51,10 +56,32 @@ std::string Timestamp(unsigned long long* state) {
   return text;
 }
 
+// "<link rel='REL' type='TYPE' href='HREF'/>" on a line of its own, indented by `indent`.
+void AppendLink(std::string* out, const char* indent, const std::string& rel,
+                const std::string& type, const std::string& href) {
+  *out += indent;
+  *out += "<link rel='" + rel + "' type='" + type + "' href='" + href + "'/>\n";
+}
+
+// An entry's "<category scheme='SCHEME' term='TERM' label='LABEL'/>" line.
+void AppendCategory(std::string* out, const std::string& scheme, const std::string& term,
+                    const char* label) {
+  *out += "    <category scheme='" + scheme + "' term='" + term + "' label='" + label + "'/>\n";
+}
+
+// An entry's "<qr:feedLink rel='REL' href='HREF'/>" line.
+void AppendFeedLink(std::string* out, const char* rel, const std::string& href) {
+  *out += "    <qr:feedLink rel='";
+  *out += rel;
+  *out += "' href='" + href + "'/>\n";
+}
+
 void AppendEntry(std::string* out, int index, unsigned long long* state) {
   const std::string id = Token(state, 44);
   const std::string full = "https://docs.quire.example/feeds/default/private/full/document%3A" + id;
   const char* type = kTypes[index % 4];
+  const std::string schema = SchemaNamespace;
+  const std::string labels = kLabelsScheme;
   std::string& s = *out;
   if (index % 2 == 0) {
     s += "  <entry qr:etag='\"" + Token(state, 20) + ".\"'>\n";
@@ -64,23 +91,9 @@ void AppendEntry(std::string* out, int index, unsigned long long* state) {
   s += "    <id>https://docs.quire.example/feeds/id/document%3A" + id + "</id>\n";
   s += "    <published>" + Timestamp(state) + "</published>\n";
   s += "    <updated>" + Timestamp(state) + "</updated>\n";
-  s += "    <category scheme='";
-  s += SchemaNamespace;
-  s += "/g/2005#kind' term='";
-  s += SchemaNamespace;
-  s += "/docs/2007#document' label='document'/>\n";
-  if (index % 3 == 0) {
-    s += "    <category scheme='";
-    s += kLabelsScheme;
-    s += "' term='";
-    s += kStarredLabelTerm;
-    s += "' label='starred'/>\n";
-  }
-  s += "    <category scheme='";
-  s += kLabelsScheme;
-  s += "' term='";
-  s += kLabelsScheme;
-  s += "#viewed' label='viewed'/>\n";
+  AppendCategory(out, schema + "/g/2005#kind", schema + "/docs/2007#document", "document");
+  if (index % 3 == 0) AppendCategory(out, labels, kStarredLabelTerm, "starred");
+  AppendCategory(out, labels, labels + "#viewed", "viewed");
   s += "    <title>";
   s += kTitles[index % 8];
   s += " #" + std::to_string(index) + "</title>\n";
@@ -88,30 +101,20 @@ void AppendEntry(std::string* out, int index, unsigned long long* state) {
   s += type;
   s += "' src='https://docs.quire.example/feeds/download/documents/export?id=" + id +
        "&amp;format=html'/>\n";
-  s += "    <link rel='alternate' type='text/html' href='https://docs.quire.example/document/d/" +
-       id + "/edit'/>\n";
-  s += "    <link rel='self' type='application/atom+xml' href='" + full + "'/>\n";
-  s += "    <link rel='edit' type='application/atom+xml' href='" + full + "/" + Token(state, 8) +
-       "'/>\n";
-  s += "    <link rel='edit-media' type='";
-  s += type;
-  s += "' href='https://docs.quire.example/feeds/default/media/document%3A" + id + "'/>\n";
-  s += "    <link rel='";
-  s += kResumableEditMediaRel;
-  s += "' type='application/atom+xml' "
-       "href='https://docs.quire.example/feeds/upload/create-session/default/private/full/"
-       "document%3A" +
-       id + "'/>\n";
+  AppendLink(out, "    ", "alternate", "text/html",
+             "https://docs.quire.example/document/d/" + id + "/edit");
+  AppendLink(out, "    ", "self", kAtom, full);
+  AppendLink(out, "    ", "edit", kAtom, full + "/" + Token(state, 8));
+  AppendLink(out, "    ", "edit-media", type,
+             "https://docs.quire.example/feeds/default/media/document%3A" + id);
+  AppendLink(out, "    ", kResumableEditMediaRel, kAtom,
+             std::string(kCreateSession) + "/document%3A" + id);
   s += "    <author>\n      <name>";
   s += kAuthors[index % 4];
   s += "</name>\n      <email>user" + std::to_string(index % 97) +
        "@mail.example</email>\n    </author>\n";
-  s += "    <qr:feedLink rel='";
-  s += kAclFeedRel;
-  s += "' href='" + full + "/acl'/>\n";
-  s += "    <qr:feedLink rel='";
-  s += kRevisionsFeedRel;
-  s += "' href='" + full + "/revisions'/>\n";
+  AppendFeedLink(out, kAclFeedRel, full + "/acl");
+  AppendFeedLink(out, kRevisionsFeedRel, full + "/revisions");
   if (index % 7 == 0) s += "    <docs:removed/>\n";
   s += "  </entry>\n";
 }
@@ -133,21 +136,12 @@ QByteArray GenerateAtomFeed(int entries) {
   s += "  <updated>" + Timestamp(&state) + "</updated>\n";
   s += "  <title>Available Documents - user@mail.example</title>\n";
   const std::string base = "https://docs.quire.example/feeds/default/private/full";
-  s += "  <link rel='alternate' type='text/html' href='https://docs.quire.example/'/>\n";
-  s += "  <link rel='";
-  s += kFeedRel;
-  s += "' type='application/atom+xml' href='" + base + "'/>\n";
-  s += "  <link rel='";
-  s += kPostRel;
-  s += "' type='application/atom+xml' href='" + base + "'/>\n";
-  s += "  <link rel='";
-  s += kBatchRel;
-  s += "' type='application/atom+xml' href='" + base + "/batch'/>\n";
-  s += "  <link rel='";
-  s += kResumableCreateMediaRel;
-  s += "' type='application/atom+xml' "
-       "href='https://docs.quire.example/feeds/upload/create-session/default/private/full'/>\n";
-  s += "  <link rel='self' type='application/atom+xml' href='" + base + "'/>\n";
+  AppendLink(&s, "  ", "alternate", "text/html", "https://docs.quire.example/");
+  AppendLink(&s, "  ", kFeedRel, kAtom, base);
+  AppendLink(&s, "  ", kPostRel, kAtom, base);
+  AppendLink(&s, "  ", kBatchRel, kAtom, base + "/batch");
+  AppendLink(&s, "  ", kResumableCreateMediaRel, kAtom, kCreateSession);
+  AppendLink(&s, "  ", "self", kAtom, base);
   s += "  <author>\n    <name>user</name>\n    <email>user@mail.example</email>\n  </author>\n";
   s += "  <openSearch:totalResults>" + std::to_string(entries) + "</openSearch:totalResults>\n";
   s += "  <openSearch:startIndex>1</openSearch:startIndex>\n";

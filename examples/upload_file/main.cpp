@@ -29,11 +29,7 @@
 
 namespace {
 
-using kestrel::quire::ConnectionUtils;
-using kestrel::quire::DocsEntry;
-using kestrel::quire::DocsFeed;
-using kestrel::quire::DocsService;
-using kestrel::quire::NetworkResponseInfo;
+using namespace kestrel::quire;  // NOLINT(build/namespaces): the library's classes and statuses
 using upload_example::ProgressConnection;
 
 int Usage() {

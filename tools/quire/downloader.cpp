@@ -23,11 +23,7 @@
 namespace quire_cli {
 namespace {
 
-using kestrel::quire::ContentDownload;
-using kestrel::quire::DownloadOptions;
-using kestrel::quire::DownloadOutcome;
-using kestrel::quire::DownloadResult;
-using kestrel::quire::DownloadTarget;
+using namespace kestrel::quire;  // NOLINT(build/namespaces): the download's classes and outcomes
 
 std::string S(const QString& text) { return text.toStdString(); }
 

@@ -1,6 +1,7 @@
 #include "tools/quire/request_log.h"
 
 #include <iomanip>
+#include <iterator>
 #include <sstream>
 
 #include "kestrel/base/main_loop.h"
@@ -17,18 +18,10 @@ using kestrel::net::NetworkRequest;
 constexpr double kPollSeconds = 0.002;
 
 const char* MethodName(HttpRequest::MethodType method) {
-  switch (method) {
-    case HttpRequest::kGet:
-      return "GET";
-    case HttpRequest::kPost:
-      return "POST";
-    case HttpRequest::kPut:
-      return "PUT";
-    case HttpRequest::kDelete:
-      return "DELETE";
-    default:
-      return "?";
-  }
+  // Indexed by HttpRequest::MethodType, whose values are fixed.
+  static const char* const kNames[] = {"GET", "POST", "PUT", "DELETE"};
+  const int index = static_cast<int>(method);
+  return index >= 0 && index < static_cast<int>(std::size(kNames)) ? kNames[index] : "?";
 }
 
 // The request's header records as lines, in sending order.
@@ -78,16 +71,7 @@ void RequestLog::Start(NetworkRequest* request, const kestrel::net::ServerInfo& 
   NetworkRequest::AddRef(request);
   running_.push_back({request, std::chrono::steady_clock::now(), last_attempt_});
   inner_->Start(request, server, options);
-  if (!poll_queued_) {
-    poll_queued_ = true;
-    std::weak_ptr<bool> alive = alive_;
-    kestrel::MainLoop::Default()->PostDelayed(kPollSeconds, [this, alive] {
-      if (alive.lock()) {
-        poll_queued_ = false;
-        Poll();
-      }
-    });
-  }
+  QueuePoll();
 }
 
 void RequestLog::Poll() {
@@ -101,16 +85,19 @@ void RequestLog::Poll() {
     }
   }
   running_.swap(still_running);
-  if (!running_.empty() && !poll_queued_) {
-    poll_queued_ = true;
-    std::weak_ptr<bool> alive = alive_;
-    kestrel::MainLoop::Default()->PostDelayed(kPollSeconds, [this, alive] {
-      if (alive.lock()) {
-        poll_queued_ = false;
-        Poll();
-      }
-    });
-  }
+  if (!running_.empty()) QueuePoll();
+}
+
+void RequestLog::QueuePoll() {
+  if (poll_queued_) return;
+  poll_queued_ = true;
+  std::weak_ptr<bool> alive = alive_;
+  kestrel::MainLoop::Default()->PostDelayed(kPollSeconds, [this, alive] {
+    if (alive.lock()) {
+      poll_queued_ = false;
+      Poll();
+    }
+  });
 }
 
 void RequestLog::Report(const Entry& entry) {
@@ -159,28 +146,23 @@ std::string RequestLog::DescribeCode(std::uint32_t code) {
   if (code >= status::kHttpErrorBase + 400 && code < status::kHttpErrorBase + 1000) {
     return std::to_string(code - status::kHttpErrorBase);
   }
-  switch (code) {
-    case status::kErrorNameNotResolved:
-      return "failed: name not resolved";
-    case status::kErrorConnectionRefused:
-      return "failed: connection refused";
-    case status::kErrorConnectionReset:
-      return "failed: connection reset";
-    case status::kErrorTls:
-    case status::kErrorCertificate:
-      return "failed: TLS";
-    case status::kErrorTimedOut:
-      return "failed: timed out";
-    case status::kErrorResponseTruncated:
-      return "failed: response truncated";
-    case status::kErrorInvalidRequest:
-      return "failed: invalid request";
-    case status::kErrorNoTransport:
-      return "failed: no transport";
-    case status::kErrorSendFailed:
-      return "failed: send failed";
-    default:
-      break;
+  static const struct {
+    std::uint32_t code;
+    const char* text;
+  } kFailures[] = {
+      {status::kErrorNameNotResolved, "failed: name not resolved"},
+      {status::kErrorConnectionRefused, "failed: connection refused"},
+      {status::kErrorConnectionReset, "failed: connection reset"},
+      {status::kErrorTls, "failed: TLS"},
+      {status::kErrorCertificate, "failed: TLS"},
+      {status::kErrorTimedOut, "failed: timed out"},
+      {status::kErrorResponseTruncated, "failed: response truncated"},
+      {status::kErrorInvalidRequest, "failed: invalid request"},
+      {status::kErrorNoTransport, "failed: no transport"},
+      {status::kErrorSendFailed, "failed: send failed"},
+  };
+  for (const auto& failure : kFailures) {
+    if (failure.code == code) return failure.text;
   }
   std::ostringstream text;
   text << "failed: code 0x" << std::hex << code;

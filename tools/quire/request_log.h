@@ -47,6 +47,8 @@ class RequestLog : public kestrel::net::ITransport {
 
   // Reports and drops the completed requests; while some are in flight, looks again shortly.
   void Poll();
+  // Has Poll() run shortly on the main loop, unless it is queued already.
+  void QueuePoll();
   void Report(const Entry& entry);
 
   kestrel::net::ITransport* inner_;
