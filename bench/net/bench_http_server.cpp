@@ -56,12 +56,11 @@ BenchHttpServer::~BenchHttpServer() {
 
 void BenchHttpServer::AcceptLoop() {
   for (;;) {
-    {
+    const int fd = listener_.AcceptUntil([this] {
       std::lock_guard<std::mutex> lock(mutex_);
-      if (stopping_) return;
-    }
-    const int fd = listener_.Accept(20);
-    if (fd < 0) continue;
+      return stopping_;
+    });
+    if (fd < 0) return;
     int yes = 1;
     ::setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &yes, sizeof(yes));
     std::lock_guard<std::mutex> lock(mutex_);

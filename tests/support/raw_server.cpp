@@ -116,12 +116,11 @@ bool RawServer::WaitForClosedConnections(int count, double seconds) const {
 
 void RawServer::Serve() {
   for (;;) {
-    {
+    const int fd = listener_.AcceptUntil([this] {
       std::lock_guard<std::mutex> lock(mutex_);
-      if (stopping_) return;
-    }
-    const int fd = listener_.Accept(20);
-    if (fd < 0) continue;
+      return stopping_;
+    });
+    if (fd < 0) return;
     timeval timeout{10, 0};  // nothing blocks for long, whatever the client does
     ::setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof(timeout));
     ::setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &timeout, sizeof(timeout));

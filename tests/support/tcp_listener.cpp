@@ -36,4 +36,12 @@ int TcpListener::Accept(int wait_ms) const {
   return ::accept4(fd_, nullptr, nullptr, SOCK_CLOEXEC);
 }
 
+int TcpListener::AcceptUntil(const std::function<bool()>& stopping) const {
+  while (!stopping()) {
+    const int fd = Accept(20);
+    if (fd >= 0) return fd;
+  }
+  return -1;
+}
+
 }  // namespace quire_test

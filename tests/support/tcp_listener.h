@@ -3,6 +3,8 @@
 // its stop flag between connections.
 #pragma once
 
+#include <functional>
+
 namespace quire_test {
 
 class TcpListener {
@@ -18,6 +20,9 @@ class TcpListener {
 
   // A newly accepted connection (close-on-exec), or -1 when none came within `wait_ms`.
   int Accept(int wait_ms) const;
+  // The next connection, or -1 as soon as `stopping()` is true; `stopping` is asked before each
+  // wait of 20 ms. The accept loop of a serving thread.
+  int AcceptUntil(const std::function<bool()>& stopping) const;
 
  private:
   int fd_ = -1;
